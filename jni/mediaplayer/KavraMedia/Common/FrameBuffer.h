@@ -1,0 +1,54 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+extern "C" {
+#include <libavutil/frame.h>
+}
+
+// Plane pointers and line sizes of one picture, in FFmpeg's layout. An
+// AVFrame begins with exactly these two arrays, so a frame's address may be
+// read as a Picture (the hardware decoder and the renderers rely on it).
+struct Picture {
+    uint8_t* data[AV_NUM_DATA_POINTERS];
+    int linesize[AV_NUM_DATA_POINTERS];
+};
+static_assert(offsetof(AVFrame, data) == offsetof(Picture, data), "AVFrame must start with its planes");
+static_assert(offsetof(AVFrame, linesize) == offsetof(Picture, linesize), "AVFrame line sizes must follow its planes");
+
+// Payload kinds of a frame buffer.
+enum FrameBufferType {
+    FRAME_BUFFER_NONE = 0,     // a slot whose payload allocation failed
+    FRAME_BUFFER_FRAME = 1,    // an AVFrame, moved in by reference
+    FRAME_BUFFER_PICTURE = 2,  // picture planes, copied in
+    FRAME_BUFFER_BYTES = 3,    // plain bytes, copied in
+};
+
+// One decoded frame: a slot of a FrameBufferQueue, or the staging record a
+// producer hands to it. A record whose `size` is 0 is the end-of-stream
+// marker. Times are milliseconds.
+struct FrameBuffer {
+    int type;
+    // Type 1: the AVFrame; type 2: &picture; type 3: the byte buffer.
+    void* data;
+    AVFrame* frame;
+    Picture picture;
+    uint8_t* bytes;
+    int durationMs;
+    int ptsMs;
+    int size;
+    int format;
+    int width;
+    int height;
+    int sampleRate;
+    int channels;
+    int nbSamples;
+    // 1 when the queue allocated the payload and frees it on release().
+    int owned;
+};
+
+// The picture a frame buffer's data points at (types 1 and 2).
+inline const Picture* pictureOf(const FrameBuffer* buffer) {
+    return static_cast<const Picture*>(buffer->data);
+}

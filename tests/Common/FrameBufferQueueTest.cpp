@@ -1,0 +1,334 @@
+// The pre-allocated frame ring between a decoder and a renderer.
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cstring>
+#include <future>
+#include <thread>
+
+extern "C" {
+#include <libavutil/imgutils.h>
+}
+
+#include "Common/FFmpegPtr.h"
+#include "Common/FrameBufferQueue.h"
+#include "support/LogCapture.h"
+
+namespace kavra::test {
+namespace {
+
+// A decoded-looking frame whose Y plane is filled with `value`.
+ScopedAVFrame makeFrame(int width, int height, uint8_t value) {
+    ScopedAVFrame frame = makeScopedAVFrame();
+    frame->format = AV_PIX_FMT_YUV420P;
+    frame->width = width;
+    frame->height = height;
+    EXPECT_EQ(av_frame_get_buffer(frame.get(), 0), 0);
+    for (int y = 0; y < height; ++y) {
+        memset(frame->data[0] + y * frame->linesize[0], value, static_cast<size_t>(width));
+    }
+    return frame;
+}
+
+FrameBuffer stagingFor(AVFrame* frame, int type, int ptsMs) {
+    FrameBuffer s;
+    memset(&s, 0, sizeof(s));
+    s.type = type;
+    s.data = frame;
+    s.ptsMs = ptsMs;
+    s.durationMs = 33;
+    s.format = frame->format;
+    s.width = frame->width;
+    s.height = frame->height;
+    s.size = av_image_get_buffer_size(static_cast<AVPixelFormat>(frame->format), frame->width, frame->height, 1);
+    return s;
+}
+
+TEST(FrameBufferQueueCreate, RejectsInvalidArgumentsWithTheirMessages) {
+    LogCapture log;
+    FrameBufferQueue q;
+    EXPECT_EQ(q.create(0), -1);
+    EXPECT_EQ(q.create(5, -1), -1);
+    EXPECT_EQ(q.create(5, 0, 0, 10), -1);
+    EXPECT_EQ(q.create(5, -1, 10, 10), -1);
+    EXPECT_EQ(log.messages("FrameBufferQueue"),
+              (std::vector<std::string>{"Capacity:0 is invalid.", "Capacity:5,dataSize:-1 is invalid.",
+                                        "Capacity:5,Format:0,Width:0,Height:10 is invalid.",
+                                        "Capacity:5,Format:-1,Width:10,Height:10 is invalid."}));
+    EXPECT_FALSE(q.isCreated());
+    EXPECT_EQ(q.create(5, 0), 0) << "zero-byte slots are allowed";
+    EXPECT_EQ(q.getCapacity(), 5);
+}
+
+TEST(FrameBufferQueueLifecycle, NothingPassesBeforeStart) {
+    FrameBufferQueue q;
+    ASSERT_EQ(q.create(2, 16), 0);
+    uint8_t bytes[16] = {0};
+    FrameBuffer s;
+    memset(&s, 0, sizeof(s));
+    s.type = FRAME_BUFFER_BYTES;
+    s.data = bytes;
+    s.size = 16;
+    EXPECT_EQ(q.queueInputBuffer(&s, 0), -3) << "room but not started: the copy refuses";
+    EXPECT_EQ(q.dequeueOutputBufferIndex(0), -3);
+    EXPECT_EQ(q.releaseOutputBuffer(), -1) << "nothing was dequeued";
+    q.start();
+    EXPECT_EQ(q.queueInputBuffer(&s, 0), 0);
+    q.release();
+    q.release();
+    EXPECT_FALSE(q.isCreated());
+}
+
+TEST(FrameBufferQueueFrames, FramesMoveInByReferenceAndComeOutInOrder) {
+    FrameBufferQueue q;
+    ASSERT_EQ(q.create(3), 0);
+    q.start();
+    for (int i = 0; i < 3; ++i) {
+        ScopedAVFrame f = makeFrame(64, 48, static_cast<uint8_t>(10 * i));
+        uint8_t* plane = f->data[0];
+        FrameBuffer s = stagingFor(f.get(), FRAME_BUFFER_FRAME, 100 * i);
+        ASSERT_EQ(q.queueInputBuffer(&s, 0), 0);
+        EXPECT_EQ(f->data[0], nullptr) << "the source frame is left empty";
+        // The slot holds the very same planes: no copy was made.
+        FrameBuffer* slot = q.getBuffer(i);
+        EXPECT_EQ(static_cast<AVFrame*>(slot->data)->data[0], plane);
+    }
+    ScopedAVFrame extra = makeFrame(64, 48, 1);
+    FrameBuffer s = stagingFor(extra.get(), FRAME_BUFFER_FRAME, 999);
+    EXPECT_EQ(q.queueInputBuffer(&s, 0), -2) << "full";
+    for (int i = 0; i < 3; ++i) {
+        int index = q.dequeueOutputBufferIndex(0);
+        ASSERT_EQ(index, i);
+        FrameBuffer* slot = q.getBuffer(index);
+        EXPECT_EQ(slot->ptsMs, 100 * i);
+        EXPECT_EQ(slot->durationMs, 33);
+        EXPECT_EQ(slot->width, 64);
+        EXPECT_EQ(pictureOf(slot)->data[0][0], 10 * i) << "an AVFrame reads as a picture";
+        EXPECT_EQ(q.releaseOutputBuffer(), 0);
+    }
+    EXPECT_EQ(q.dequeueOutputBufferIndex(0), -2);
+    q.release();
+}
+
+TEST(FrameBufferQueueFrames, EndOfStreamRecordKeepsTheSlotsFrame) {
+    FrameBufferQueue q;
+    ASSERT_EQ(q.create(1), 0);
+    q.start();
+    ScopedAVFrame f = makeFrame(16, 16, 200);
+    FrameBuffer s = stagingFor(f.get(), FRAME_BUFFER_FRAME, 5);
+    ASSERT_EQ(q.queueInputBuffer(&s, 0), 0);
+    ASSERT_EQ(q.dequeueOutputBufferIndex(0), 0);
+    q.releaseOutputBuffer();
+
+    ScopedAVFrame unused = makeFrame(16, 16, 1);
+    FrameBuffer eos = stagingFor(unused.get(), FRAME_BUFFER_FRAME, 0);
+    eos.size = 0;
+    ASSERT_EQ(q.queueInputBuffer(&eos, 0), 0);
+    EXPECT_NE(unused->data[0], nullptr) << "no payload moves with an end-of-stream record";
+    int index = q.dequeueOutputBufferIndex(0);
+    ASSERT_EQ(index, 0);
+    FrameBuffer* slot = q.getBuffer(index);
+    EXPECT_EQ(slot->size, 0);
+    EXPECT_EQ(pictureOf(slot)->data[0][0], 200) << "the old frame is still there";
+    q.releaseOutputBuffer();
+    q.release();
+}
+
+TEST(FrameBufferQueuePictures, PicturesAreCopiedIntoTheSlotsOwnPlanes) {
+    FrameBufferQueue q;
+    ASSERT_EQ(q.create(2, AV_PIX_FMT_YUV420P, 33, 17), 0);
+    q.start();
+    ScopedAVFrame f = makeFrame(33, 17, 77);
+    FrameBuffer s = stagingFor(f.get(), FRAME_BUFFER_PICTURE, 40);
+    ASSERT_EQ(q.queueInputBuffer(&s, 0), 0);
+    memset(f->data[0], 0, static_cast<size_t>(f->linesize[0]));  // the source is reused at once
+    int index = q.dequeueOutputBufferIndex(0);
+    ASSERT_GE(index, 0);
+    FrameBuffer* slot = q.getBuffer(index);
+    const Picture* p = pictureOf(slot);
+    EXPECT_EQ(p, &slot->picture);
+    EXPECT_EQ(p->linesize[0], 33) << "unpadded planes";
+    EXPECT_EQ(p->data[0][0], 77);
+    EXPECT_EQ(p->data[0][16 * 33 + 32], 77);
+    EXPECT_EQ(slot->ptsMs, 40);
+    q.releaseOutputBuffer();
+
+    // A larger picture than the slots hold is refused, not written past them.
+    ScopedAVFrame big = makeFrame(64, 64, 1);
+    FrameBuffer bs = stagingFor(big.get(), FRAME_BUFFER_PICTURE, 0);
+    EXPECT_EQ(q.queueInputBuffer(&bs, 0), -1);
+    q.release();
+}
+
+TEST(FrameBufferQueueBytes, BytesAreCopiedAndFreshSlotsHaveNoTime) {
+    FrameBufferQueue q;
+    ASSERT_EQ(q.create(2, 8), 0);
+    EXPECT_EQ(q.getBuffer(0)->ptsMs, -1);
+    EXPECT_EQ(q.getBuffer(0)->size, 8);
+    q.start();
+    uint8_t bytes[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    FrameBuffer s;
+    memset(&s, 0, sizeof(s));
+    s.type = FRAME_BUFFER_BYTES;
+    s.data = bytes;
+    s.size = 8;
+    s.ptsMs = 12;
+    ASSERT_EQ(q.queueInputBuffer(&s, 0), 0);
+    s.size = 9;
+    EXPECT_EQ(q.queueInputBuffer(&s, 0), -1) << "more bytes than a slot holds";
+    int index = q.dequeueOutputBufferIndex(0);
+    ASSERT_GE(index, 0);
+    EXPECT_EQ(memcmp(q.getBuffer(index)->data, bytes, 8), 0);
+    EXPECT_EQ(q.getBuffer(index)->ptsMs, 12);
+    q.releaseOutputBuffer();
+    q.release();
+}
+
+TEST(FrameBufferQueueWaits, FullAndEmptyWithTimeouts) {
+    FrameBufferQueue q;
+    ASSERT_EQ(q.create(1, 4), 0);
+    q.start();
+    uint8_t bytes[4] = {0};
+    FrameBuffer s;
+    memset(&s, 0, sizeof(s));
+    s.type = FRAME_BUFFER_BYTES;
+    s.data = bytes;
+    s.size = 4;
+
+    auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(q.dequeueOutputBufferIndex(20), -2);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(19));
+    // A dequeue that ran out must not keep the output lock: flush would hang.
+    auto flushed = std::async(std::launch::async, [&] { q.flush(); });
+    ASSERT_EQ(flushed.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+
+    ASSERT_EQ(q.queueInputBuffer(&s, 0), 0);
+    EXPECT_EQ(q.queueInputBuffer(&s, 0), -2);
+    start = std::chrono::steady_clock::now();
+    EXPECT_EQ(q.queueInputBuffer(&s, 20), -2);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(19));
+
+    // A producer blocked on the full ring goes on once the consumer frees a slot.
+    auto producer = std::async(std::launch::async, [&] { return q.queueInputBuffer(&s, -1); });
+    EXPECT_EQ(producer.wait_for(std::chrono::milliseconds(30)), std::future_status::timeout);
+    ASSERT_EQ(q.dequeueOutputBufferIndex(0), 0);
+    q.releaseOutputBuffer();
+    ASSERT_EQ(producer.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    EXPECT_EQ(producer.get(), 0);
+    q.release();
+}
+
+TEST(FrameBufferQueueWaits, AbortReleasesAWaitingConsumerAndProducer) {
+    FrameBufferQueue empty;
+    ASSERT_EQ(empty.create(2), 0);
+    empty.start();
+    auto consumer = std::async(std::launch::async, [&] { return empty.dequeueOutputBufferIndex(-1); });
+
+    FrameBufferQueue full;
+    ASSERT_EQ(full.create(1, 4), 0);
+    full.start();
+    uint8_t bytes[4] = {0};
+    FrameBuffer s;
+    memset(&s, 0, sizeof(s));
+    s.type = FRAME_BUFFER_BYTES;
+    s.data = bytes;
+    s.size = 4;
+    ASSERT_EQ(full.queueInputBuffer(&s, 0), 0);
+    auto producer = std::async(std::launch::async, [&] { return full.queueInputBuffer(&s, -1); });
+
+    EXPECT_EQ(consumer.wait_for(std::chrono::milliseconds(30)), std::future_status::timeout);
+    empty.abort();
+    full.abort();
+    ASSERT_EQ(consumer.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    ASSERT_EQ(producer.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    EXPECT_EQ(consumer.get(), -3);
+    EXPECT_EQ(producer.get(), -3);
+    // The aborted consumer gave its lock back: flush and restart work.
+    empty.flush();
+    empty.start();
+    EXPECT_EQ(empty.dequeueOutputBufferIndex(0), -2);
+    empty.release();
+    full.release();
+}
+
+TEST(FrameBufferQueueWaits, FlushThenReuseStartsAtSlotZero) {
+    FrameBufferQueue q;
+    ASSERT_EQ(q.create(4, 4), 0);
+    q.start();
+    uint8_t bytes[4] = {0};
+    FrameBuffer s;
+    memset(&s, 0, sizeof(s));
+    s.type = FRAME_BUFFER_BYTES;
+    s.data = bytes;
+    s.size = 4;
+    for (int pts = 1; pts <= 3; ++pts) {
+        s.ptsMs = pts;
+        ASSERT_EQ(q.queueInputBuffer(&s, 0), 0);
+    }
+    ASSERT_EQ(q.dequeueOutputBufferIndex(0), 0);
+    q.releaseOutputBuffer();
+    q.abort();
+    q.flush();
+    q.start();
+    EXPECT_EQ(q.getSize(), 0);
+    s.ptsMs = 50;
+    ASSERT_EQ(q.queueInputBuffer(&s, 0), 0);
+    int index = q.dequeueOutputBufferIndex(0);
+    EXPECT_EQ(index, 0);
+    EXPECT_EQ(q.getBuffer(index)->ptsMs, 50) << "no stale frame comes out after a flush";
+    q.releaseOutputBuffer();
+    EXPECT_EQ(q.releaseOutputBuffer(), -1) << "a second release is refused";
+    q.release();
+}
+
+TEST(FrameBufferQueueWaits, SizeCorrectionsWakeAWaiter) {
+    FrameBufferQueue q;
+    ASSERT_EQ(q.create(4, 4), 0);
+    q.start();
+    auto consumer = std::async(std::launch::async, [&] { return q.dequeueOutputBufferIndex(-1); });
+    EXPECT_EQ(consumer.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
+    q.opetationSize('x', 5);
+    EXPECT_EQ(q.getSize(), 0);
+    q.opetationSize('+', 2);
+    ASSERT_EQ(consumer.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    EXPECT_EQ(consumer.get(), 0);
+    q.releaseOutputBuffer();
+    EXPECT_EQ(q.getSize(), 1);
+    q.opetationSize('=', 3);
+    EXPECT_EQ(q.getSize(), 3);
+    q.opetationSize('-', 3);
+    EXPECT_EQ(q.getSize(), 0);
+    q.release();
+}
+
+TEST(FrameBufferQueueThreads, OneProducerOneConsumerSeeEveryFrameInOrder) {
+    FrameBufferQueue q;
+    ASSERT_EQ(q.create(5), 0);
+    q.start();
+    constexpr int kFrames = 300;
+    auto producer = std::async(std::launch::async, [&] {
+        ScopedAVFrame f = makeScopedAVFrame();
+        for (int i = 0; i < kFrames; ++i) {
+            ScopedAVFrame src = makeFrame(32, 32, static_cast<uint8_t>(i));
+            FrameBuffer s = stagingFor(src.get(), FRAME_BUFFER_FRAME, i);
+            if (q.queueInputBuffer(&s, -1) != 0) {
+                return false;
+            }
+        }
+        return true;
+    });
+    for (int i = 0; i < kFrames; ++i) {
+        int index = q.dequeueOutputBufferIndex(5000);
+        ASSERT_GE(index, 0);
+        FrameBuffer* slot = q.getBuffer(index);
+        ASSERT_EQ(slot->ptsMs, i);
+        ASSERT_EQ(pictureOf(slot)->data[0][0], static_cast<uint8_t>(i));
+        q.releaseOutputBuffer();
+    }
+    EXPECT_TRUE(producer.get());
+    q.release();
+}
+
+}  // namespace
+}  // namespace kavra::test

@@ -1,0 +1,115 @@
+#include "support/LogCapture.h"
+
+#include <android/log.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <thread>
+
+namespace kavra::test {
+
+struct LogCaptureAccess {
+    static void append(LogCapture* c, int priority, const char* tag, const char* message) {
+        c->append(priority, tag, message);
+    }
+};
+
+namespace {
+std::atomic<LogCapture*> gActive{nullptr};
+
+// The host logger names untagged lines after the program; a capture records
+// them with an empty tag, as they were written.
+bool isProgramName(const char* tag) {
+    static const std::string name = [] {
+        char path[4096] = {0};
+        ssize_t n = readlink("/proc/self/exe", path, sizeof(path) - 1);
+        std::string full = n > 0 ? std::string(path, static_cast<size_t>(n)) : std::string();
+        size_t slash = full.rfind('/');
+        return slash == std::string::npos ? full : full.substr(slash + 1);
+    }();
+    return tag != nullptr && name == tag;
+}
+
+void captureLogger(const struct __android_logger_data* data, const char* message) {
+    LogCapture* capture = gActive.load();
+    if (capture != nullptr) {
+        const char* tag = data->tag;
+        LogCaptureAccess::append(capture, data->priority, isProgramName(tag) ? nullptr : tag, message);
+    } else if (getenv("KAVRA_TEST_LOG") != nullptr) {
+        fprintf(stderr, "[%d] %s: %s\n", data->priority, data->tag != nullptr ? data->tag : "", message);
+    }
+}
+
+void throwingAborter(const char* message) { throw LogAssertion{message != nullptr ? message : ""}; }
+
+// Installed once for the whole test program: lines go to the active
+// capture (or nowhere), assertions throw instead of aborting.
+struct Install {
+    Install() {
+        __android_log_set_logger(captureLogger);
+        __android_log_set_aborter(throwingAborter);
+        __android_log_set_minimum_priority(ANDROID_LOG_VERBOSE);
+    }
+} gInstall;
+}  // namespace
+
+LogCapture::LogCapture() { gActive.store(this); }
+
+LogCapture::~LogCapture() {
+    LogCapture* self = this;
+    gActive.compare_exchange_strong(self, nullptr);
+}
+
+void LogCapture::append(int priority, const char* tag, const char* message) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    mLines.push_back(Line{priority, tag != nullptr ? tag : "", message != nullptr ? message : ""});
+}
+
+std::vector<LogCapture::Line> LogCapture::lines() const {
+    std::lock_guard<std::mutex> lock(mMutex);
+    return mLines;
+}
+
+std::vector<std::string> LogCapture::messages(const std::string& tag) const {
+    std::lock_guard<std::mutex> lock(mMutex);
+    std::vector<std::string> out;
+    for (const Line& l : mLines) {
+        if (l.tag == tag) {
+            out.push_back(l.message);
+        }
+    }
+    return out;
+}
+
+int LogCapture::count(const std::string& tag, const std::string& message) const {
+    std::lock_guard<std::mutex> lock(mMutex);
+    int n = 0;
+    for (const Line& l : mLines) {
+        if (l.tag == tag && l.message == message) {
+            ++n;
+        }
+    }
+    return n;
+}
+
+bool LogCapture::contains(const std::string& tag, const std::string& message) const { return count(tag, message) > 0; }
+
+bool LogCapture::waitFor(const std::string& tag, const std::string& message, int timeoutMs) const {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!contains(tag, message)) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+void LogCapture::clear() {
+    std::lock_guard<std::mutex> lock(mMutex);
+    mLines.clear();
+}
+
+}  // namespace kavra::test

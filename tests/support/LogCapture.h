@@ -1,0 +1,48 @@
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace kavra::test {
+
+// What __android_log_assert raises inside tests instead of ending the
+// process. It is thrown by the aborter on the asserting thread, so a test
+// catches it on that thread (EXPECT_THROW or try/catch).
+struct LogAssertion {
+    std::string message;
+};
+
+// Captures every platform log line written while it is alive (verbose
+// included), so tests can assert on exact messages. One instance at a time.
+class LogCapture {
+public:
+    struct Line {
+        int priority;
+        std::string tag;  // empty for lines written without a tag
+        std::string message;
+    };
+
+    LogCapture();
+    ~LogCapture();
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
+
+    std::vector<Line> lines() const;
+    // Messages of one tag, in order.
+    std::vector<std::string> messages(const std::string& tag) const;
+    bool contains(const std::string& tag, const std::string& message) const;
+    int count(const std::string& tag, const std::string& message) const;
+    // Waits (bounded) until a line with this tag and message was written.
+    bool waitFor(const std::string& tag, const std::string& message, int timeoutMs) const;
+    void clear();
+
+private:
+    friend struct LogCaptureAccess;
+    void append(int priority, const char* tag, const char* message);
+
+    mutable std::mutex mMutex;
+    std::vector<Line> mLines;
+};
+
+}  // namespace kavra::test
