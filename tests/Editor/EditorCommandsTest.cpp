@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
+#include <cstdio>
 
 #include "../tools/kavra/ContactSheet.h"
 #include "EditorTestSupport.h"
@@ -42,11 +42,15 @@ struct JsonThumbnail {
     long long ptsMs;
 };
 
+// The entries of the thumbs JSON, in order.
 std::vector<JsonThumbnail> parseThumbnails(const std::string& json) {
     std::vector<JsonThumbnail> out;
-    std::regex entry(R"re(\{"index": (-?\d+), "target_ms": (-?\d+), "pts_ms": (-?\d+)\})re");
-    for (auto it = std::sregex_iterator(json.begin(), json.end(), entry); it != std::sregex_iterator(); ++it) {
-        out.push_back({std::stoi((*it)[1]), std::stoll((*it)[2]), std::stoll((*it)[3])});
+    for (size_t pos = json.find("{\"index\""); pos != std::string::npos; pos = json.find("{\"index\"", pos + 1)) {
+        JsonThumbnail t{};
+        if (sscanf(json.c_str() + pos, "{\"index\": %d, \"target_ms\": %lld, \"pts_ms\": %lld}", &t.index, &t.targetMs,
+                   &t.ptsMs) == 3) {
+            out.push_back(t);
+        }
     }
     return out;
 }
