@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <regex>
 
 #include "support/Ffprobe.h"
 #include "support/Fixtures.h"
@@ -14,8 +13,25 @@ namespace {
 
 CommandResult probe(const std::string& args) { return runCommand(shellQuote(kavraTool()) + " probe " + args + " 2>&1"); }
 
-// The value of "key" in the n-th stream object of the tool's JSON (numbers,
-// strings and null as text). The JSON is one line of flat objects.
+// The text of a JSON value that follows `"key": ` in `object` (numbers and
+// null as written, strings without their quotes). The tool prints flat
+// objects, so a plain scan is enough.
+std::string valueAfter(const std::string& object, const std::string& key) {
+    const std::string marker = "\"" + key + "\": ";
+    size_t pos = object.find(marker);
+    if (pos == std::string::npos) {
+        return "";
+    }
+    pos += marker.size();
+    if (object[pos] == '"') {
+        size_t end = object.find('"', pos + 1);
+        return object.substr(pos + 1, end - pos - 1);
+    }
+    size_t end = object.find_first_of(",}]", pos);
+    return object.substr(pos, end - pos);
+}
+
+// The value of "key" in the n-th stream object of the tool's JSON.
 std::string streamField(const std::string& json, int n, const std::string& key) {
     size_t pos = json.find("\"streams\"");
     for (int i = 0; i <= n && pos != std::string::npos; ++i) {
@@ -24,25 +40,11 @@ std::string streamField(const std::string& json, int n, const std::string& key) 
     if (pos == std::string::npos) {
         return "";
     }
-    size_t end = json.find('}', pos);
-    std::string object = json.substr(pos, end - pos);
-    std::smatch m;
-    std::regex field("\"" + key + "\": (\"[^\"]*\"|[^,}]+)");
-    if (!std::regex_search(object, m, field)) {
-        return "";
-    }
-    std::string v = m[1];
-    return v.front() == '"' ? v.substr(1, v.size() - 2) : v;
+    return valueAfter(json.substr(pos, json.find('}', pos) - pos), key);
 }
 
 std::string topField(const std::string& json, const std::string& key) {
-    std::smatch m;
-    std::regex field("\"" + key + "\": (\"[^\"]*\"|[^,}\\[]+)");
-    if (!std::regex_search(json, m, field)) {
-        return "";
-    }
-    std::string v = m[1];
-    return v.front() == '"' ? v.substr(1, v.size() - 2) : v;
+    return valueAfter(json.substr(0, json.find("\"streams\"")), key);
 }
 
 class ProbeJson : public ::testing::TestWithParam<const char*> {};
