@@ -120,14 +120,17 @@ int VideoItem::targetTime(int index) const {
     return static_cast<int>(static_cast<int64_t>(startTime) + static_cast<int64_t>(interval) * index);
 }
 
-int VideoItem::frameTimeMs(AVFrame* frame) {
+double VideoItem::frameTimeExactMs(AVFrame* frame) {
     AVStream* stream = videoStream();
     int64_t ts = frame->best_effort_timestamp;
     if (ts == AV_NOPTS_VALUE || stream == nullptr) {
-        return 0;
+        return 0.0;
     }
-    double ms = static_cast<double>(ts) * av_q2d(stream->time_base) * 1000.0;
-    return static_cast<int>(std::max(-2147483648.0, std::min(2147483647.0, ms)));
+    return static_cast<double>(ts) * av_q2d(stream->time_base) * 1000.0;
+}
+
+int VideoItem::frameTimeMs(AVFrame* frame) {
+    return static_cast<int>(std::max(-2147483648.0, std::min(2147483647.0, frameTimeExactMs(frame))));
 }
 
 // ---------------------------------------------------------------------------
@@ -368,7 +371,7 @@ AVFrame* VideoItem::getPacketFrame(int index) {
                 ++pendingFrames;
                 continue;
             }
-            if (keyOnly || frameTimeMs(frame) >= target) {
+            if (keyOnly || frameTimeExactMs(frame) >= target) {
                 return frame;
             }
         }
@@ -383,34 +386,42 @@ AVFrame* VideoItem::getPacketFrame(int index) {
     if (cancelled) {
         return nullptr;
     }
-    // Whether this call has drawn a picture (earlier than the target) from
-    // the decoder: once the decoder is empty that picture is the answer.
+    // Whether this call has drawn a picture from the decoder: once the
+    // decoder is empty, the last one drawn is the answer.
     bool drewPicture = false;
     for (;;) {
         av_packet_unref(packet);
         decodeVideo(&got, packet);
+        // The pass is settled by the counting rule below unless a picture
+        // decides it here. The rule counts decode calls rather than stopping
+        // at the first picture at or after the target.
         bool counted = false;
         if (got) {
             drewPicture = true;
-            if (keyOnly || frameTimeMs(frame) >= target) {
+            if (keyOnly) {
                 --pendingFrames;
                 return cancelled ? nullptr : frame;
             }
-            // Earlier than the target: the last picture is the answer when
-            // the file holds nothing later.
-            if (pendingFrames == 1) {
+            if (frameTimeExactMs(frame) < target) {
+                // The last picture is the answer when the file holds
+                // nothing later.
+                if (pendingFrames == 1) {
+                    pendingFrames = 0;
+                    return cancelled ? nullptr : frame;
+                }
+                --pendingFrames;
+                counted = true;
+            } else if (pendingFrames == 1) {
                 pendingFrames = 0;
                 return cancelled ? nullptr : frame;
             }
-            --pendingFrames;
-            counted = true;
         }
         if (!counted) {
             if (count != 1) {
                 if (--pendingFrames == 0) {
                     return cancelled ? nullptr : frame;
                 }
-            } else if (drewPicture) {
+            } else if (!got && drewPicture) {
                 // A drained decoder gives nothing more: packets it dropped
                 // (frames that referred to pictures before the seek) were
                 // counted but never come out.
@@ -605,12 +616,18 @@ int VideoItem::snapShot(const char* path, long timeMs) {
         LOGE("snapShot->pFrameYUV alloc error");
         return -1;
     }
+    // The whole snapshot holds the item, as a strip does: a release from
+    // another thread waits for it, and a strip cannot start a second reader
+    // beside this one. An item already held (a strip or a release under
+    // way) is left alone.
     if (!operationMutex.tryLock()) {
-        // A strip (or a release) holds the item; a second reader beside its
-        // own would tear both apart.
         LOGW("setItemParameters->tryluckMutex fail");
         return -1;
     }
+    struct Unlock {
+        NativeMutex& mutex;
+        ~Unlock() { mutex.unlock(); }
+    } unlockAtEnd{operationMutex};
     startTime = t;
     endTime = t;
     count = 1;
@@ -618,7 +635,6 @@ int VideoItem::snapShot(const char* path, long timeMs) {
     outWidth = width;
     outHeight = height;
     keyFrameOnly = false;
-    operationMutex.unlock();
 
     startReader();
     const int size = av_image_get_buffer_size(AV_PIX_FMT_YUVJ420P, width, height, 1);

@@ -67,8 +67,8 @@ public:
     int getKeyFrameAt(int* dst, int dstBytes, int width, int height, int timeMs);
     // Writes the first frame at or after timeMs (the last frame when there
     // is none) in coded size and orientation to `path` as a JPEG image.
-    // 0, or -1 when no frame could be had; a file that cannot be written is
-    // not reported.
+    // 0, or -1 when no frame could be had or the item is busy with another
+    // job; a file that cannot be written is not reported.
     int snapShot(const char* path, long timeMs);
 
     // Scales a decoded frame to width x height (coded orientation) as RGBA
@@ -96,6 +96,7 @@ private:
     // Target time of thumbnail `index`, wrapping like 32-bit arithmetic.
     int targetTime(int index) const;
     // Presentation time of a decoded frame in ms (0 when it has none).
+    double frameTimeExactMs(AVFrame* frame);
     int frameTimeMs(AVFrame* frame);
     // Writes a YUVJ420P picture to `path` as one JPEG image.
     void writeJpeg(const char* path, AVFrame* picture);
