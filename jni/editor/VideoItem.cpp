@@ -29,6 +29,9 @@ constexpr useconds_t kReaderRestUs = 10000;
 // The first step back when a seek lands after the wanted key frame; each
 // further step doubles it, up to the limit.
 constexpr int kFirstStepBackMs = 1000;
+// Drain calls that may follow one key packet before its picture comes out
+// (a decoder's reorder delay plus its frame threads).
+constexpr int kKeyFrameDrainCalls = 64;
 constexpr int kMaxStepBackMs = 1 << 28;
 // Drain attempts a single-target job may spend on a decoder that answers
 // with nothing.
@@ -129,6 +132,17 @@ double VideoItem::frameTimeExactMs(AVFrame* frame) {
     return static_cast<double>(ts) * av_q2d(stream->time_base) * 1000.0;
 }
 
+int VideoItem::compareFrameTime(AVFrame* frame, int targetMs) {
+    AVStream* stream = videoStream();
+    int64_t ts = frame->best_effort_timestamp;
+    if (ts == AV_NOPTS_VALUE || stream == nullptr) {
+        return (0 > targetMs) - (0 < targetMs);
+    }
+    // Exact rational comparison: a frame at exactly the target must never
+    // count as before or after it through rounding of a floating product.
+    return av_compare_ts(ts, stream->time_base, targetMs, AVRational{1, 1000});
+}
+
 int VideoItem::frameTimeMs(AVFrame* frame) {
     return static_cast<int>(std::max(-2147483648.0, std::min(2147483647.0, frameTimeExactMs(frame))));
 }
@@ -210,18 +224,20 @@ void VideoItem::getVideoItemPacket() {
         // later still, so no frame between the target and this one is
         // missing from the queue (B-frames arrive after the frames they
         // precede on screen).
-        double firstAtOrAfterMs = INFINITY;
+        int64_t firstAtOrAfterTicks = INT64_MAX;
 
         auto queue = [this](AVPacket* p) {
             if (mPacketQueue.put(p, 0) != 0) {
                 av_packet_unref(p);
             }
         };
-        // Seeks further back; false when the last seek already reached the
-        // start of the file.
+        // Seeks further back; false when the last seek already aimed well
+        // before the first frame. A seek aimed just before the first frame
+        // is not enough: demuxers that seek by estimate (MPEG-TS) can land a
+        // second or more later, so one full step before the start is made.
         auto stepBack = [&]() {
             const int64_t soughtMs = static_cast<int64_t>(target) - stepBackMs;
-            if (soughtMs <= firstMs || stepBackMs >= kMaxStepBackMs) {
+            if (soughtMs < firstMs - kFirstStepBackMs || stepBackMs >= kMaxStepBackMs) {
                 return false;
             }
             stepBackMs = stepBackMs == 0 ? kFirstStepBackMs : stepBackMs * 2;
@@ -246,7 +262,7 @@ void VideoItem::getVideoItemPacket() {
                 haveCandidate = false;
                 av_packet_unref(candidate.get());
                 started = false;
-                firstAtOrAfterMs = INFINITY;
+                firstAtOrAfterTicks = INT64_MAX;
             }
             if (mPacketQueue.getSize() > kMaxQueuedBytes || mPacketQueue.getCount() >= kMaxQueuedPackets) {
                 usleep(kReaderRestUs);
@@ -272,23 +288,31 @@ void VideoItem::getVideoItemPacket() {
                     av_packet_unref(packet.get());
                 } else {
                     const bool key = packet->flags == AV_PKT_FLAG_KEY;
-                    const double presentMs = packet->pts == AV_NOPTS_VALUE ? 0.0 : packet->pts * timeBaseMs;
-                    const double decodeMs = packet->dts == AV_NOPTS_VALUE ? presentMs : packet->dts * timeBaseMs;
+                    // Times stay in stream ticks and are compared with the
+                    // target exactly: pts <= floor(target) in ticks is the
+                    // same as pts * time base <= target, and likewise
+                    // pts >= ceil(target) for at-or-after.
+                    const int64_t presentTicks = packet->pts == AV_NOPTS_VALUE ? 0 : packet->pts;
+                    const int64_t decodeTicks = packet->dts == AV_NOPTS_VALUE ? presentTicks : packet->dts;
+                    const int64_t targetFloor =
+                        av_rescale_q_rnd(target, AVRational{1, 1000}, stream->time_base, AV_ROUND_DOWN);
+                    const int64_t targetCeil =
+                        av_rescale_q_rnd(target, AVRational{1, 1000}, stream->time_base, AV_ROUND_UP);
                     bool finished = false;
                     if (keyOnly) {
                         if (!key) {
                             // Past the target in decode order: no later key
                             // frame can be presented at or before it.
-                            if (haveCandidate && decodeMs > target) {
+                            if (haveCandidate && decodeTicks > targetFloor) {
                                 queue(candidate.get());
                                 finished = true;
                             }
                             av_packet_unref(packet.get());
-                        } else if (presentMs <= target && steppedBack) {
+                        } else if (presentTicks <= targetFloor && steppedBack) {
                             av_packet_unref(candidate.get());
                             av_packet_move_ref(candidate.get(), packet.get());
                             haveCandidate = true;
-                        } else if (presentMs <= target) {
+                        } else if (presentTicks <= targetFloor) {
                             queue(packet.get());
                             finished = true;
                         } else if (haveCandidate) {
@@ -302,18 +326,18 @@ void VideoItem::getVideoItemPacket() {
                             finished = true;
                         }
                     } else {
-                        if (!started && key && (presentMs <= target || !stepBack())) {
+                        if (!started && key && (presentTicks <= targetFloor || !stepBack())) {
                             started = true;
                         }
                         if (!started) {
                             // Nothing before the key frame can be decoded.
                             av_packet_unref(packet.get());
                         } else {
-                            if (presentMs >= target) {
-                                firstAtOrAfterMs = std::min(firstAtOrAfterMs, presentMs);
+                            if (presentTicks >= targetCeil) {
+                                firstAtOrAfterTicks = std::min(firstAtOrAfterTicks, presentTicks);
                             }
                             queue(packet.get());
-                            finished = decodeMs >= firstAtOrAfterMs;
+                            finished = decodeTicks >= firstAtOrAfterTicks;
                         }
                     }
                     if (finished) {
@@ -367,11 +391,24 @@ AVFrame* VideoItem::getPacketFrame(int index) {
             }
             decodeVideo(&got, packet);
             av_packet_unref(packet);
+            if (!got && keyOnly) {
+                // Each queued packet is the key frame of one target and
+                // decodes on its own; a decoder that holds pictures back
+                // for reordering is drained at once, so every target gets
+                // the picture of its own packet. Left in the decoder, a
+                // held-back picture would be handed to a later target
+                // (and two targets close together queue the same key frame
+                // twice, which such a decoder may not show twice).
+                for (int i = 0; i < kKeyFrameDrainCalls && !got; ++i) {
+                    av_packet_unref(packet);
+                    decodeVideo(&got, packet);
+                }
+            }
             if (!got) {
                 ++pendingFrames;
                 continue;
             }
-            if (keyOnly || frameTimeExactMs(frame) >= target) {
+            if (keyOnly || compareFrameTime(frame, target) >= 0) {
                 return frame;
             }
         }
@@ -402,7 +439,7 @@ AVFrame* VideoItem::getPacketFrame(int index) {
                 --pendingFrames;
                 return cancelled ? nullptr : frame;
             }
-            if (frameTimeExactMs(frame) < target) {
+            if (compareFrameTime(frame, target) < 0) {
                 // The last picture is the answer when the file holds
                 // nothing later.
                 if (pendingFrames == 1) {

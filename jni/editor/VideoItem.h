@@ -97,6 +97,8 @@ private:
     int targetTime(int index) const;
     // Presentation time of a decoded frame in ms (0 when it has none).
     double frameTimeExactMs(AVFrame* frame);
+    // -1, 0 or 1 as the frame is presented before, at or after targetMs.
+    int compareFrameTime(AVFrame* frame, int targetMs);
     int frameTimeMs(AVFrame* frame);
     // Writes a YUVJ420P picture to `path` as one JPEG image.
     void writeJpeg(const char* path, AVFrame* picture);

@@ -44,6 +44,7 @@ const Strip kStrips[] = {
     {"Even", 250, 9750, 7},      // 250, 1833, 3416, 4999, 6582, 8165, 9748 ms
     {"Reversed", 9750, 250, 7},  // the same targets from the end
     {"Single", 4999, 4999, 1},
+    {"OnKeyFrames", 0, 9000, 10},  // every target exactly on a key frame
 };
 
 const StripFixture kStripFixtures[] = {
