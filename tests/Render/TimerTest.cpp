@@ -86,6 +86,8 @@ struct SetTimeCase {
     int expected;
 };
 
+void PrintTo(const SetTimeCase& c, std::ostream* os) { *os << c.ms << " ms"; }
+
 class TimerSetTime : public ::testing::TestWithParam<SetTimeCase> {};
 
 // The product ms x 1000 is a float: 9000001000 us is stored as 9000000512.
@@ -98,7 +100,11 @@ TEST_P(TimerSetTime, RoundsThroughSinglePrecision) {
 INSTANTIATE_TEST_SUITE_P(Times, TimerSetTime,
                          ::testing::Values(SetTimeCase{9000001, 9000000}, SetTimeCase{3600000, 3600000},
                                            SetTimeCase{-40, -40}, SetTimeCase{16777217, 16777216},
-                                           SetTimeCase{INT_MAX, INT_MAX}, SetTimeCase{INT_MIN, INT_MIN}));
+                                           SetTimeCase{INT_MAX, INT_MAX}, SetTimeCase{INT_MIN, INT_MIN}),
+                         [](const ::testing::TestParamInfo<SetTimeCase>& info) {
+                             std::string name = std::to_string(info.param.ms);
+                             return name[0] == '-' ? "Minus" + name.substr(1) : name;
+                         });
 
 TEST(TimerSystemClock, RunsWithTheSystemClockByDefault) {
     Timer timer;

@@ -117,6 +117,10 @@ struct LayoutCase {
     size_t uOffset;
 };
 
+void PrintTo(const LayoutCase& c, std::ostream* os) {
+    *os << c.width << "x" << c.height << " stride " << c.bufStride;
+}
+
 class VideoRenderLayout : public VideoRenderTest, public ::testing::WithParamInterface<LayoutCase> {};
 
 TEST_P(VideoRenderLayout, CopiesEveryPlaneIntoTheYv12Layout) {
@@ -168,7 +172,11 @@ INSTANTIATE_TEST_SUITE_P(
                       LayoutCase{1280, 720, 1344, 1280, 720, 1344, 672, 967680, 967680 + 241920},
                       LayoutCase{1280, 720, 1300, 1280, 720, 1300, 656, 936000, 936000 + 236160},
                       // Odd size: buffers 322 x 242, default stride 336.
-                      LayoutCase{321, 241, 0, 322, 242, 336, 176, 81312, 81312 + 21296}));
+                      LayoutCase{321, 241, 0, 322, 242, 336, 176, 81312, 81312 + 21296}),
+    [](const ::testing::TestParamInfo<LayoutCase>& info) {
+        return std::to_string(info.param.width) + "x" + std::to_string(info.param.height) + "Stride" +
+               std::to_string(info.param.bufStride);
+    });
 
 class VideoRenderFixture : public VideoRenderTest, public ::testing::WithParamInterface<const char*> {};
 
@@ -185,7 +193,10 @@ TEST_P(VideoRenderFixture, ShowsDecodedFramesInOrder) {
     EXPECT_EQ(render->getDroppedFrames(), 0);
 }
 
-INSTANTIATE_TEST_SUITE_P(Media, VideoRenderFixture, ::testing::Values("h264_aac.mp4", "odd_size.mp4"));
+INSTANTIATE_TEST_SUITE_P(Media, VideoRenderFixture, ::testing::Values("h264_aac.mp4", "odd_size.mp4"),
+                         [](const ::testing::TestParamInfo<const char*>& info) {
+                             return std::string(info.param).substr(0, std::string(info.param).find('.'));
+                         });
 
 TEST_F(VideoRenderTest, ConvertsOtherPixelFormatsToPlanar420) {
     std::vector<ScopedAVFrame> frames = decodeFrames(fixture("h264_aac.mp4"), AVMEDIA_TYPE_VIDEO, 3);
@@ -344,6 +355,8 @@ struct CheckCase {
     const char* expression;
 };
 
+void PrintTo(const CheckCase& c, std::ostream* os) { *os << "line " << c.line; }
+
 class VideoRenderCheck : public VideoRenderTest, public ::testing::WithParamInterface<CheckCase> {};
 
 // Calls made on the producer's side: the assertion reaches the caller.
@@ -382,7 +395,8 @@ INSTANTIATE_TEST_SUITE_P(
                   "native_window_set_scaling_mode(mNativeWindow.get(), NATIVE_WINDOW_SCALING_MODE_SCALE_CROP)"},
         CheckCase{Call::SetTransform, 147, "native_window_set_buffers_transform(mNativeWindow.get(), transform)"},
         CheckCase{Call::SetGeometry, 150,
-                  "native_window_set_buffers_geometry(mNativeWindow.get(), bufWidth, bufHeight, halFormat)"}));
+                  "native_window_set_buffers_geometry(mNativeWindow.get(), bufWidth, bufHeight, halFormat)"}),
+    [](const ::testing::TestParamInfo<CheckCase>& info) { return "Line" + std::to_string(info.param.line); });
 
 TEST_F(VideoRenderTest, FailsWhenTheOldWindowDoesNotDisconnect) {
     window->failCall(Call::Disconnect, -19);
