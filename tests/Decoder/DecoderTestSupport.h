@@ -81,10 +81,12 @@ inline std::vector<ScopedAVFrame> referenceFrames(const std::string& path, AVMed
 }
 
 // What ffprobe counts when it decodes the first stream of a kind ("v" or
-// "a"); -1 when it reports nothing.
-inline int probeFrameCount(const std::string& path, const char* kind) {
+// "a"), or with `byIndex` the stream of that index ("2"); -1 when it
+// reports nothing.
+inline int probeFrameCount(const std::string& path, const char* kind, bool byIndex = false) {
     CommandResult r = runCommand(std::string("ffprobe -v error -count_frames -select_streams ") + kind +
-                                 ":0 -show_entries stream=nb_read_frames -of csv=p=0 " + shellQuote(path));
+                                 (byIndex ? "" : ":0") + " -show_entries stream=nb_read_frames -of csv=p=0 " +
+                                 shellQuote(path));
     if (r.status != 0 || r.output.empty()) {
         return -1;
     }

@@ -15,10 +15,12 @@ namespace {
 struct StreamCase {
     const char* file;
     const char* kind;  // "v" or "a"
+    int stream;        // -1: the best stream of the kind
 };
 
 std::string caseName(const ::testing::TestParamInfo<StreamCase>& info) {
-    std::string name = std::string(info.param.file) + "_" + info.param.kind;
+    std::string name = std::string(info.param.file) + "_" + info.param.kind +
+                       (info.param.stream >= 0 ? std::to_string(info.param.stream) : "");
     for (char& c : name) {
         if (!isalnum(static_cast<unsigned char>(c))) {
             c = '_';
@@ -33,13 +35,14 @@ TEST_P(FFmpegDecoderStream, DecodesTheWholeStreamInOrder) {
     const StreamCase& c = GetParam();
     bool video = c.kind[0] == 'v';
     std::string path = fixture(c.file);
-    int expected = probeFrameCount(path, c.kind);
+    // ffprobe counts the first stream of the kind, or the one asked for.
+    int expected = c.stream < 0 ? probeFrameCount(path, c.kind) : probeFrameCount(path, std::to_string(c.stream).c_str(), true);
     ASSERT_GT(expected, 0) << "ffprobe found no frames";
 
     LogCapture log;
     OpenedMedia media;
     ASSERT_TRUE(media.open(path));
-    int index = video ? media.video : media.audio;
+    int index = c.stream >= 0 ? c.stream : video ? media.video : media.audio;
     ASSERT_GE(index, 0);
     FFmpegDecoder decoder;
     ASSERT_EQ(decoder.create(media.stream(index)), 0);
@@ -86,16 +89,33 @@ TEST_P(FFmpegDecoderStream, DecodesTheWholeStreamInOrder) {
 
 INSTANTIATE_TEST_SUITE_P(
     Fixtures, FFmpegDecoderStream,
-    ::testing::Values(StreamCase{"h264_aac.mp4", "v"}, StreamCase{"h264_aac.mp4", "a"},
-                      StreamCase{"h264_aac_rot90.mp4", "v"}, StreamCase{"video_only.mp4", "v"},
-                      StreamCase{"audio_only.m4a", "a"}, StreamCase{"with_subtitle.mp4", "v"},
-                      StreamCase{"with_subtitle.mp4", "a"}, StreamCase{"two_audio.mp4", "a"},
-                      StreamCase{"mpeg4.mp4", "v"}, StreamCase{"mpeg4_bframes.mp4", "v"},
-                      StreamCase{"mpeg4_bframes.mp4", "a"}, StreamCase{"hevc.mp4", "v"},
-                      StreamCase{"vp9.webm", "v"}, StreamCase{"vp9.webm", "a"}, StreamCase{"odd_size.mp4", "v"},
-                      StreamCase{"late_start.ts", "v"}, StreamCase{"late_start.ts", "a"},
-                      StreamCase{"bad_rotate.mkv", "v"}, StreamCase{"bad_rotate.mkv", "a"},
-                      StreamCase{"truncated.mp4", "v"}, StreamCase{"truncated.mp4", "a"}),
+    ::testing::Values(StreamCase{"h264_aac.mp4", "v", -1},
+                      StreamCase{"h264_aac.mp4", "a", -1},
+                      StreamCase{"h264_aac_rot90.mp4", "v", -1},
+                      StreamCase{"h264_aac_rot90.mp4", "a", -1},
+                      StreamCase{"video_only.mp4", "v", -1},
+                      StreamCase{"audio_only.m4a", "a", -1},
+                      StreamCase{"with_subtitle.mp4", "v", -1},
+                      StreamCase{"with_subtitle.mp4", "a", -1},
+                      StreamCase{"two_audio.mp4", "v", -1},
+                      StreamCase{"two_audio.mp4", "a", -1},
+                      StreamCase{"two_audio.mp4", "a", 2},
+                      StreamCase{"mpeg4.mp4", "v", -1},
+                      StreamCase{"mpeg4.mp4", "a", -1},
+                      StreamCase{"mpeg4_bframes.mp4", "v", -1},
+                      StreamCase{"mpeg4_bframes.mp4", "a", -1},
+                      StreamCase{"hevc.mp4", "v", -1},
+                      StreamCase{"hevc.mp4", "a", -1},
+                      StreamCase{"vp9.webm", "v", -1},
+                      StreamCase{"vp9.webm", "a", -1},
+                      StreamCase{"odd_size.mp4", "v", -1},
+                      StreamCase{"odd_size.mp4", "a", -1},
+                      StreamCase{"late_start.ts", "v", -1},
+                      StreamCase{"late_start.ts", "a", -1},
+                      StreamCase{"bad_rotate.mkv", "v", -1},
+                      StreamCase{"bad_rotate.mkv", "a", -1},
+                      StreamCase{"truncated.mp4", "v", -1},
+                      StreamCase{"truncated.mp4", "a", -1}),
     caseName);
 
 }  // namespace

@@ -62,7 +62,7 @@ TEST_P(MediaCodecVideoDecoderStream, DeliversExactlyTheSoftwareDecodersFrames) {
 
 INSTANTIATE_TEST_SUITE_P(H264Fixtures, MediaCodecVideoDecoderStream,
                          ::testing::Values("h264_aac.mp4", "h264_aac_rot90.mp4", "video_only.mp4",
-                                           "with_subtitle.mp4", "late_start.ts", "bad_rotate.mkv", "truncated.mp4"),
+                                           "with_subtitle.mp4", "two_audio.mp4", "late_start.ts", "bad_rotate.mkv", "truncated.mp4"),
                          [](const ::testing::TestParamInfo<const char*>& info) {
                              std::string name = info.param;
                              for (char& c : name) {
@@ -199,10 +199,16 @@ TEST_F(MediaCodecVideoDecoderVideo, NoSlotsUntilTheCodecAnnouncesItsFormat) {
     EXPECT_FALSE(queue->isCreated());
     EXPECT_EQ(queue->dequeueOutputBufferIndex(20), -2) << "a consumer waits out its time-out";
     ASSERT_EQ(feedStream(media.extractor, media.video, decoder, nullptr, 10), 10);
-    ASSERT_TRUE(eventually([&] { return queue->isCreated(); }, 5000));
+    // The slots' geometry is read only after a frame was handed over, which
+    // orders it after their creation on the decoding thread.
+    int index = queue->dequeueOutputBufferIndex(5000);
+    ASSERT_GE(index, 0);
+    EXPECT_TRUE(queue->isCreated());
     EXPECT_EQ(queue->getWidth(), 320);
     EXPECT_EQ(queue->getHeight(), 240);
     EXPECT_EQ(queue->getFormat(), AV_PIX_FMT_YUV420P);
+    EXPECT_EQ(queue->getBuffer(index)->width, 320);
+    queue->releaseOutputBuffer();
 }
 
 TEST_F(MediaCodecVideoDecoderVideo, ADamagedPacketIsLoggedAndDecodingGoesOn) {
@@ -406,16 +412,18 @@ TEST(MediaCodecVideoDecoderCreate, FailuresAreReportedWithTheirMessages) {
     }
 }
 
-// A raw H.264 stream whose picture size changes after one second: a second
-// format announcement replaces the slots, and the pictures of both sizes
-// come out, identical to the software decoder's.
+// A raw H.264 stream whose picture grows after one second: a second format
+// announcement replaces the slots by larger ones, and the pictures of both
+// sizes come out, identical to the software decoder's.
 TEST(MediaCodecVideoDecoderFormat, ASizeChangeReplacesTheSlots) {
     std::string dir = ::testing::TempDir() + "/kavra_size_change";
     ASSERT_EQ(runCommand("mkdir -p " + shellQuote(dir)).status, 0);
     std::string src = shellQuote(fixture("h264_aac.mp4"));
     std::string x264 = " -an -c:v libx264 -preset ultrafast -g 30 -bf 2 -threads 1 -f h264 ";
-    ASSERT_EQ(runCommand("ffmpeg -v error -nostdin -y -i " + src + " -frames:v 30" + x264 + shellQuote(dir + "/a.h264")).status, 0);
-    ASSERT_EQ(runCommand("ffmpeg -v error -nostdin -y -ss 1 -i " + src + " -frames:v 30 -vf scale=160:120" + x264 +
+    ASSERT_EQ(runCommand("ffmpeg -v error -nostdin -y -i " + src + " -frames:v 30 -vf scale=160:120" + x264 +
+                         shellQuote(dir + "/a.h264")).status,
+              0);
+    ASSERT_EQ(runCommand("ffmpeg -v error -nostdin -y -ss 1 -i " + src + " -frames:v 30" + x264 +
                          shellQuote(dir + "/b.h264")).status,
               0);
     std::string joined = dir + "/joined.h264";
@@ -423,15 +431,30 @@ TEST(MediaCodecVideoDecoderFormat, ASizeChangeReplacesTheSlots) {
                          shellQuote(joined)).status,
               0);
     LogCapture log;
+    OpenedMedia media;
+    ASSERT_TRUE(media.open(joined));
     MediaCodecVideoDecoder codec;
-    std::vector<DecodedFrame> frames = decodeVideo(codec, joined);
-    ASSERT_EQ(frames.size(), 60u);
+    ASSERT_EQ(codec.create(media.stream(media.video)), 0);
+    OutputCollector out(codec.getOutputQueue());
+    out.start();
+    ASSERT_EQ(codec.start(), 0);
+    ASSERT_EQ(feedStream(media.extractor, media.video, codec), 60);
+    ASSERT_TRUE(out.waitForEnd(30000));
+    out.finish();
+    // Read after the end record was taken, which orders it after the
+    // slots' last creation.
+    EXPECT_EQ(codec.getOutputQueue()->getWidth(), 320);
+    EXPECT_EQ(codec.getOutputQueue()->getHeight(), 240);
     EXPECT_EQ(log.count("MediaCodecVideoDecoder", "AMEDIACODEC_INFO_OUTPUT_FORMAT_CHANGED."), 2);
+    EXPECT_TRUE(log.contains("MediaCodecVideoDecoder", "format-outWidth:160"));
+    EXPECT_TRUE(log.contains("MediaCodecVideoDecoder", "format-outWidth:320"));
+    std::vector<DecodedFrame> frames = out.frames();
     FFmpegDecoder software;
     std::vector<DecodedFrame> reference = decodeVideo(software, joined);
+    ASSERT_EQ(frames.size(), 60u);
     ASSERT_EQ(reference.size(), 60u);
     for (size_t i = 0; i < frames.size(); ++i) {
-        int width = i < 30 ? 320 : 160;
+        int width = i < 30 ? 160 : 320;
         ASSERT_EQ(frames[i].width, width) << "frame " << i;
         ASSERT_EQ(frames[i].index, static_cast<int>(i)) << "frame " << i;
         ASSERT_EQ(frames[i].hash, reference[i].hash) << "frame " << i;
