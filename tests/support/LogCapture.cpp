@@ -1,6 +1,7 @@
 #include "support/LogCapture.h"
 
 #include <android/log.h>
+#include <pthread.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -14,6 +15,7 @@ struct LogCaptureAccess {
     static void append(LogCapture* c, int priority, const char* tag, const char* message) {
         c->append(priority, tag, message);
     }
+    static void appendEnded(LogCapture* c, const char* message) { c->appendEnded(message); }
 };
 
 namespace {
@@ -42,7 +44,19 @@ void captureLogger(const struct __android_logger_data* data, const char* message
     }
 }
 
-void throwingAborter(const char* message) { throw LogAssertion{message != nullptr ? message : ""}; }
+std::atomic<bool> gEndEngineThreads{false};
+thread_local bool tTestThread = false;
+
+void throwingAborter(const char* message) {
+    if (gEndEngineThreads.load() && !tTestThread) {
+        LogCapture* capture = gActive.load();
+        if (capture != nullptr) {
+            LogCaptureAccess::appendEnded(capture, message != nullptr ? message : "");
+        }
+        pthread_exit(nullptr);
+    }
+    throw LogAssertion{message != nullptr ? message : ""};
+}
 
 // Installed once for the whole test program: lines go to the active
 // capture (or nowhere), assertions throw instead of aborting.
@@ -55,11 +69,45 @@ struct Install {
 } gInstall;
 }  // namespace
 
-LogCapture::LogCapture() { gActive.store(this); }
+LogCapture::LogCapture() {
+    markTestThread();
+    gActive.store(this);
+}
 
 LogCapture::~LogCapture() {
+    gEndEngineThreads.store(false);
     LogCapture* self = this;
     gActive.compare_exchange_strong(self, nullptr);
+}
+
+void LogCapture::endEngineThreadsOnAssertion(bool enable) { gEndEngineThreads.store(enable); }
+
+void LogCapture::markTestThread() { tTestThread = true; }
+
+void LogCapture::appendEnded(const char* message) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    mEnded.push_back(message);
+}
+
+std::vector<std::string> LogCapture::endedThreadAssertions() const {
+    std::lock_guard<std::mutex> lock(mMutex);
+    return mEnded;
+}
+
+bool LogCapture::waitForEndedThreads(size_t count, int timeoutMs) const {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    for (;;) {
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            if (mEnded.size() >= count) {
+                return true;
+            }
+        }
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
 }
 
 void LogCapture::append(int priority, const char* tag, const char* message) {
@@ -110,6 +158,7 @@ bool LogCapture::waitFor(const std::string& tag, const std::string& message, int
 void LogCapture::clear() {
     std::lock_guard<std::mutex> lock(mMutex);
     mLines.clear();
+    mEnded.clear();
 }
 
 }  // namespace kavra::test

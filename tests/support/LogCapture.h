@@ -37,12 +37,29 @@ public:
     bool waitFor(const std::string& tag, const std::string& message, int timeoutMs) const;
     void clear();
 
+    // An assertion on a thread the engine started cannot be caught by a
+    // test: it would throw out of that thread's body. While this is on, an
+    // assertion on any thread not marked as a test thread is recorded (see
+    // endedThreadAssertions) and ends that thread with pthread_exit, which
+    // unwinds it and leaves it joinable. Test threads keep throwing. The
+    // capture's own thread is a test thread; off again when the capture
+    // ends.
+    void endEngineThreadsOnAssertion(bool enable);
+    // Marks the calling thread as a test thread (see above).
+    static void markTestThread();
+    // Messages of assertions that ended a thread, in order.
+    std::vector<std::string> endedThreadAssertions() const;
+    // Waits (bounded) until `count` assertions have ended threads.
+    bool waitForEndedThreads(size_t count, int timeoutMs) const;
+
 private:
     friend struct LogCaptureAccess;
     void append(int priority, const char* tag, const char* message);
+    void appendEnded(const char* message);
 
     mutable std::mutex mMutex;
     std::vector<Line> mLines;
+    std::vector<std::string> mEnded;
 };
 
 }  // namespace kavra::test

@@ -1,0 +1,303 @@
+// Decoding speed of the engine's decoders against plain FFmpeg loops over
+// the same packets, in the same run.
+//
+// Video: the first 300 pictures of the 1080p H.264 benchmark clip, through
+// FFmpegDecoder and through MediaCodecVideoDecoder (each with its decoding
+// thread, input and output queues, and a consumer thread that takes and
+// gives back every frame), against avcodec_send_packet/receive_frame on the
+// caller's thread. Every decoder here uses FFmpeg's default of one decoding
+// thread. Audio: the clip's AAC decoded by FFmpegDecoder and converted to
+// 16-bit stereo by FFmpegAudioConverter on the consumer thread, against a
+// plain decode loop with swr_convert.
+//
+// Each iteration runs the reference and the engine back to back; the
+// counters are frames per second of each over all iterations, their ratio
+// (engine divided by reference, 1.0 = as fast) and ratio_best, the same
+// for the fastest iteration of each side. The clip is made by
+// tests/fixtures/make_fixtures.sh ... --bench. The engine's log lines are
+// kept off the terminal.
+
+#include <android/log.h>
+#include <benchmark/benchmark.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <string>
+#include <sys/stat.h>
+#include <thread>
+#include <vector>
+
+#include "Common/FFmpegPtr.h"
+#include "Decoder/FFmpegAudioConverter.h"
+#include "Decoder/FFmpegDecoder.h"
+#include "Decoder/MediaCodecVideoDecoder.h"
+#include "Source/FFmpegMediaExtractor.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr int kVideoPackets = 300;
+constexpr int kAudioPackets = 1300;  // about 30 s of sound
+
+double secondsSince(Clock::time_point start) { return std::chrono::duration<double>(Clock::now() - start).count(); }
+
+// The clip's first packets of one kind, kept in memory so that reading the
+// file is no part of what is measured.
+struct Clip {
+    FFmpegMediaExtractor extractor;
+    AVStream* stream = nullptr;
+    std::vector<kavra::ScopedAVPacket> packets;
+    std::string error;
+
+    Clip(AVMediaType type, int count) {
+        std::string path = std::string(KAVRA_FIXTURE_DIR) + "/bench_1080p.mp4";
+        struct stat st;
+        if (stat(path.c_str(), &st) != 0 || extractor.setSource(path.c_str()) != 0 || extractor.findStreamInfo() != 0) {
+            error = path + " missing: run tests/fixtures/make_fixtures.sh with --bench";
+            return;
+        }
+        int index = type == AVMEDIA_TYPE_VIDEO ? extractor.mMediaInfo.bestVideoStreamIndex
+                                               : extractor.mMediaInfo.bestAudioStreamIndex;
+        stream = extractor.getStream(index);
+        kavra::ScopedAVPacket pkt = kavra::makeScopedAVPacket();
+        while (static_cast<int>(packets.size()) < count && extractor.readFrame(pkt.get()) == 0) {
+            if (pkt->stream_index == index && pkt->size > 0) {
+                packets.push_back(kavra::makeScopedAVPacket());
+                av_packet_move_ref(packets.back().get(), pkt.get());
+            } else {
+                av_packet_unref(pkt.get());
+            }
+        }
+        if (static_cast<int>(packets.size()) < count) {
+            error = "the benchmark clip is too short";
+        }
+    }
+};
+
+Clip& videoClip() {
+    static Clip clip(AVMEDIA_TYPE_VIDEO, kVideoPackets);
+    return clip;
+}
+
+Clip& audioClip() {
+    static Clip clip(AVMEDIA_TYPE_AUDIO, kAudioPackets);
+    return clip;
+}
+
+// The reference: FFmpeg's decoder driven directly. `perFrame` sees every
+// frame. Returns the frame count.
+template <typename PerFrame>
+int plainDecode(const Clip& clip, PerFrame perFrame) {
+    const AVCodec* codec = avcodec_find_decoder(clip.stream->codecpar->codec_id);
+    kavra::ScopedAVCodecContext ctx(avcodec_alloc_context3(codec));
+    avcodec_parameters_to_context(ctx.get(), clip.stream->codecpar);
+    ctx->pkt_timebase = clip.stream->time_base;
+    avcodec_open2(ctx.get(), codec, nullptr);
+    kavra::ScopedAVFrame frame = kavra::makeScopedAVFrame();
+    int frames = 0;
+    auto receive = [&] {
+        while (avcodec_receive_frame(ctx.get(), frame.get()) == 0) {
+            perFrame(frame.get());
+            av_frame_unref(frame.get());
+            frames += 1;
+        }
+    };
+    for (const kavra::ScopedAVPacket& pkt : clip.packets) {
+        avcodec_send_packet(ctx.get(), pkt.get());
+        receive();
+    }
+    avcodec_send_packet(ctx.get(), nullptr);
+    receive();
+    return frames;
+}
+
+// The engine: packets handed over as the demux thread does, frames taken
+// by a consumer thread as a renderer does. `perFrame` sees every frame on
+// the consumer thread. Returns the frame count, or -1 on failure.
+template <typename PerFrame>
+int engineDecode(Decoder& decoder, const Clip& clip, PerFrame perFrame) {
+    if (decoder.create(clip.stream) != 0) {
+        return -1;
+    }
+    FrameBufferQueue* queue = decoder.getOutputQueue();
+    std::atomic<int> frames{0};
+    std::atomic<bool> done{false};
+    std::thread consumer([&] {
+        while (!done) {
+            int index = queue->dequeueOutputBufferIndex(100);
+            if (index < 0) {
+                continue;
+            }
+            FrameBuffer* b = queue->getBuffer(index);
+            bool end = b->size == 0;
+            if (!end) {
+                perFrame(b);
+            }
+            queue->releaseOutputBuffer();
+            if (end) {
+                done = true;
+            } else {
+                frames += 1;
+            }
+        }
+    });
+    decoder.start();
+    kavra::ScopedAVPacket pkt = kavra::makeScopedAVPacket();
+    for (const kavra::ScopedAVPacket& src : clip.packets) {
+        av_packet_ref(pkt.get(), src.get());
+        while (decoder.queueInputBuffer(pkt.get(), 5) == -2) {
+        }
+        av_packet_unref(pkt.get());
+    }
+    while (decoder.queueInputBuffer(nullptr, 5) == -2) {
+    }
+    auto deadline = Clock::now() + std::chrono::seconds(60);
+    while (!done && Clock::now() < deadline) {
+        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
+    bool ended = done;
+    done = true;
+    decoder.stop();
+    consumer.join();
+    decoder.release();
+    return ended ? frames.load() : -1;
+}
+
+// Sums over the iterations, and the fastest run of each side: on a shared
+// machine the fastest run is the one least disturbed by other work.
+struct Totals {
+    double engineSeconds = 0;
+    double plainSeconds = 0;
+    double engineBest = 1e30;
+    double plainBest = 1e30;
+    long engineFrames = 0;
+    long plainFrames = 0;
+
+    void add(double engine, double plain, int frames) {
+        engineSeconds += engine;
+        plainSeconds += plain;
+        engineBest = std::min(engineBest, engine);
+        plainBest = std::min(plainBest, plain);
+        engineFrames += frames;
+        plainFrames += frames;
+    }
+
+    void report(benchmark::State& state) const {
+        double engineFps = engineFrames / engineSeconds;
+        double plainFps = plainFrames / plainSeconds;
+        state.counters["engine_fps"] = engineFps;
+        state.counters["plain_fps"] = plainFps;
+        state.counters["ratio"] = engineFps / plainFps;
+        state.counters["ratio_best"] = plainBest / engineBest;
+        state.counters["frames"] = static_cast<double>(engineFrames) / static_cast<double>(state.iterations());
+    }
+};
+
+template <typename MakeDecoder>
+void videoAgainstPlain(benchmark::State& state, MakeDecoder makeDecoder) {
+    Clip& clip = videoClip();
+    if (!clip.error.empty()) {
+        state.SkipWithError(clip.error.c_str());
+        return;
+    }
+    Totals totals;
+    for (auto _ : state) {
+        Clock::time_point t = Clock::now();
+        int plain = plainDecode(clip, [](const AVFrame*) {});
+        double plainSeconds = secondsSince(t);
+        std::unique_ptr<Decoder> decoder = makeDecoder();
+        t = Clock::now();
+        int engine = engineDecode(*decoder, clip, [](const FrameBuffer*) {});
+        double seconds = secondsSince(t);
+        if (engine != plain) {
+            state.SkipWithError("the engine decoded another number of frames");
+            return;
+        }
+        totals.add(seconds, plainSeconds, engine);
+        state.SetIterationTime(seconds);
+    }
+    totals.report(state);
+}
+
+void BM_VideoFFmpegDecoderVsPlain(benchmark::State& state) {
+    videoAgainstPlain(state, [] { return std::unique_ptr<Decoder>(new FFmpegDecoder()); });
+}
+
+void BM_VideoMediaCodecVideoDecoderVsPlain(benchmark::State& state) {
+    videoAgainstPlain(state, [] { return std::unique_ptr<Decoder>(new MediaCodecVideoDecoder()); });
+}
+
+void BM_AudioFFmpegDecoderToS16VsPlain(benchmark::State& state) {
+    Clip& clip = audioClip();
+    if (!clip.error.empty()) {
+        state.SkipWithError(clip.error.c_str());
+        return;
+    }
+    Totals totals;
+    std::vector<uint8_t> out(FFmpegAudioConverter::kOutBufferBytes);
+    for (auto _ : state) {
+        // Reference: decode, then convert with a resampler built once.
+        kavra::ScopedSwrContext swr;
+        size_t bytes = 0;
+        Clock::time_point t = Clock::now();
+        int plain = plainDecode(clip, [&](const AVFrame* f) {
+            if (swr == nullptr) {
+                SwrContext* raw = nullptr;
+                AVChannelLayout stereo;
+                AVChannelLayout in;
+                av_channel_layout_default(&stereo, 2);
+                av_channel_layout_default(&in, f->ch_layout.nb_channels);
+                swr_alloc_set_opts2(&raw, &stereo, AV_SAMPLE_FMT_S16, 44100, &in,
+                                    static_cast<AVSampleFormat>(f->format), f->sample_rate, 0, nullptr);
+                swr.reset(raw);
+                swr_init(swr.get());
+            }
+            uint8_t* dst = out.data();
+            int n = swr_convert(swr.get(), &dst, static_cast<int>(out.size() / 4),
+                                const_cast<const uint8_t**>(f->extended_data), f->nb_samples);
+            bytes += n > 0 ? static_cast<size_t>(n) * 4 : 0;
+        });
+        double plainSeconds = secondsSince(t);
+        benchmark::DoNotOptimize(bytes);
+
+        FFmpegAudioConverter converter;
+        size_t engineBytes = 0;
+        FFmpegDecoder decoder;
+        t = Clock::now();
+        int engine = engineDecode(decoder, clip, [&](const FrameBuffer* b) {
+            AVFrame* f = static_cast<AVFrame*>(b->data);
+            unsigned char* pcm = nullptr;
+            int n = converter.convert(pcm, 44100, 2, AV_SAMPLE_FMT_S16,
+                                      const_cast<const unsigned char**>(f->extended_data), b->sampleRate, b->channels,
+                                      b->format, b->nbSamples);
+            engineBytes += n > 0 ? static_cast<size_t>(n) : 0;
+        });
+        double seconds = secondsSince(t);
+        if (engine != plain || engineBytes != bytes) {
+            state.SkipWithError("the engine produced other audio than the reference");
+            return;
+        }
+        totals.add(seconds, plainSeconds, engine);
+        state.SetIterationTime(seconds);
+    }
+    totals.report(state);
+}
+
+BENCHMARK(BM_VideoFFmpegDecoderVsPlain)->UseManualTime()->Iterations(3)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_VideoMediaCodecVideoDecoderVsPlain)->UseManualTime()->Iterations(3)->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_AudioFFmpegDecoderToS16VsPlain)->UseManualTime()->Iterations(5)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    __android_log_set_minimum_priority(ANDROID_LOG_SILENT);
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return 1;
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

@@ -1,0 +1,121 @@
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include "Common/FFmpegPtr.h"
+#include "Platform/MediaCodec.h"
+
+// The media codec on Linux: FFmpeg's decoder behind the buffer-queue
+// contract, working on a thread of its own as a hardware codec would. It
+// takes Annex B input (parameter sets from "csd-0" and "csd-1", or in
+// band), announces the output format before its first output buffer, and
+// hands out tightly packed planar YUV 4:2:0 pictures (colour format 19: Y,
+// then U, then V) from a fixed pool allocated when the format is known.
+// Presentation times pass through unchanged. A hardware decoder is used
+// through FFmpeg where the machine offers one, FFmpeg's software decoder
+// otherwise.
+//
+// Log tag "FFmpegMediaCodec".
+class FFmpegMediaCodec : public MediaCodec {
+public:
+    static constexpr const char* kMimeAvc = "video/avc";
+    static constexpr int kInputBuffers = 4;
+    static constexpr int kOutputBuffers = 8;
+    // Smallest input buffer capacity.
+    static constexpr size_t kMinInputBytes = 1 << 20;
+
+    explicit FFmpegMediaCodec(AVCodecID codecId);
+    ~FFmpegMediaCodec() override;
+
+    int configure(const MediaFormat* format, void* surface, void* crypto, uint32_t flags) override;
+    int start() override;
+    int stop() override;
+    int flush() override;
+    ssize_t dequeueInputBuffer(int64_t timeoutUs) override;
+    uint8_t* getInputBuffer(size_t index, size_t* outSize) override;
+    int queueInputBuffer(size_t index, off_t offset, size_t size, uint64_t time, uint32_t flags) override;
+    ssize_t dequeueOutputBuffer(MediaCodecBufferInfo* info, int64_t timeoutUs) override;
+    uint8_t* getOutputBuffer(size_t index, size_t* outSize) override;
+    std::unique_ptr<MediaFormat> getOutputFormat() override;
+    int releaseOutputBuffer(size_t index, bool render) override;
+
+    // The hardware device type in use ("vaapi", ...), or null when FFmpeg's
+    // software decoder runs. Valid after configure.
+    const char* hardwareName() const { return mHardwareName; }
+
+private:
+    enum class State { Uninitialized, Configured, Executing };
+    // Who holds a buffer: the codec (free), the client (dequeued), the
+    // codec's queue (queued input, or output waiting to be dequeued), or the
+    // worker (being decoded from or written into).
+    enum class Owner { Codec, Client, Queued, Worker };
+    // What the worker does next.
+    enum class Phase { Input, Receive, Drain, EmitEnd, Ended };
+
+    struct Buffer {
+        kavra::ScopedAVMem<uint8_t> data;
+        size_t capacity;
+        Owner owner;
+        MediaCodecBufferInfo info;
+    };
+
+    void workerLoop();
+    void sendInput(Buffer& in);
+    // Puts the decoded frame into a free output buffer, announcing a new
+    // format first when its size changed. False while it has to wait.
+    bool emitFrame(std::unique_lock<std::mutex>& lock);
+    // Every buffer back to the codec, the decoder emptied.
+    void resetLocked();
+    bool allocateOutputs(int width, int height);
+    // Bytes written, or -1 when the picture cannot be delivered.
+    int copyFrame(const AVFrame* frame, uint8_t* dst, size_t capacity);
+    void freeCodecLocked();
+    bool openDecoder(const MediaFormat* format, bool tryHardware);
+    bool validClientBuffer(const std::vector<Buffer>& buffers, size_t index) const;
+    // Waits on the client condition until `ready` or the time-out; also
+    // returns when the codec leaves the executing state.
+    template <typename Ready>
+    void waitClient(std::unique_lock<std::mutex>& lock, int64_t timeoutUs, Ready ready);
+    static AVPixelFormat pickFormat(AVCodecContext* ctx, const AVPixelFormat* formats);
+
+    const AVCodecID mCodecId;
+    std::mutex mLock;
+    // Wakes clients waiting for a buffer or for a flush to finish.
+    std::condition_variable mClientCond;
+    // Wakes the worker: new input, a released output, flush or stop.
+    std::condition_variable mWorkerCond;
+    std::thread mWorker;
+
+    // Everything below is guarded by mLock, except what only the worker
+    // touches while it decodes (the codec context and the frames).
+    State mState;
+    Phase mPhase;
+    bool mFlushRequested;
+    bool mStopRequested;
+    bool mEndQueued;
+    bool mHaveFrame;
+    bool mFormatChangePending;
+    std::vector<Buffer> mInputs;
+    std::vector<Buffer> mOutputs;
+    std::deque<size_t> mFreeInputs;
+    std::deque<size_t> mQueuedInputs;
+    std::deque<size_t> mFreeOutputs;
+    std::deque<size_t> mReadyOutputs;
+    // Configured size, and the output size last announced (0 before any).
+    int mWidth;
+    int mHeight;
+    int mOutWidth;
+    int mOutHeight;
+
+    kavra::ScopedAVCodecContext mCodecContext;
+    kavra::ScopedAVFrame mFrame;
+    kavra::ScopedAVFrame mSwFrame;
+    kavra::ScopedAVPacket mPacket;
+    SwsContext* mSwsContext;
+    AVPixelFormat mHwFormat;
+    const char* mHardwareName;
+};

@@ -1,0 +1,423 @@
+#pragma once
+
+// Helpers shared by the decoding tests: reference decoding with plain
+// FFmpeg calls, packet lists, ffprobe counts and picture hashes.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <future>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/imgutils.h>
+}
+
+#include "Common/FFmpegPtr.h"
+#include "Common/FrameBufferQueue.h"
+#include "Decoder/Decoder.h"
+#include "Source/FFmpegMediaExtractor.h"
+#include "support/Fixtures.h"
+#include "support/FrameIndex.h"
+#include "support/Process.h"
+
+namespace kavra::test {
+
+// Frames of the chosen stream kind decoded with plain FFmpeg calls, at most
+// `maxFrames` of them (all when negative).
+inline std::vector<ScopedAVFrame> referenceFrames(const std::string& path, AVMediaType type, int maxFrames) {
+    std::vector<ScopedAVFrame> frames;
+    AVFormatContext* raw = nullptr;
+    if (avformat_open_input(&raw, path.c_str(), nullptr, nullptr) < 0) {
+        ADD_FAILURE() << "cannot open " << path;
+        return frames;
+    }
+    ScopedAVInputContext input(raw);
+    EXPECT_GE(avformat_find_stream_info(input.get(), nullptr), 0);
+    int index = av_find_best_stream(input.get(), type, -1, -1, nullptr, 0);
+    if (index < 0) {
+        ADD_FAILURE() << "no stream of type " << type << " in " << path;
+        return frames;
+    }
+    AVStream* stream = input->streams[index];
+    const AVCodec* codec = avcodec_find_decoder(stream->codecpar->codec_id);
+    ScopedAVCodecContext ctx(avcodec_alloc_context3(codec));
+    avcodec_parameters_to_context(ctx.get(), stream->codecpar);
+    ctx->pkt_timebase = stream->time_base;
+    EXPECT_EQ(avcodec_open2(ctx.get(), codec, nullptr), 0);
+    ScopedAVPacket pkt = makeScopedAVPacket();
+    auto receive = [&]() {
+        for (;;) {
+            ScopedAVFrame frame = makeScopedAVFrame();
+            if (avcodec_receive_frame(ctx.get(), frame.get()) < 0) {
+                return;
+            }
+            if (maxFrames < 0 || static_cast<int>(frames.size()) < maxFrames) {
+                frames.push_back(std::move(frame));
+            }
+        }
+    };
+    while (av_read_frame(input.get(), pkt.get()) >= 0 &&
+           (maxFrames < 0 || static_cast<int>(frames.size()) < maxFrames)) {
+        if (pkt->stream_index == index) {
+            avcodec_send_packet(ctx.get(), pkt.get());
+            receive();
+        }
+        av_packet_unref(pkt.get());
+    }
+    avcodec_send_packet(ctx.get(), nullptr);
+    receive();
+    return frames;
+}
+
+// What ffprobe counts when it decodes the first stream of a kind ("v" or
+// "a"), or with `byIndex` the stream of that index ("2"); -1 when it
+// reports nothing.
+inline int probeFrameCount(const std::string& path, const char* kind, bool byIndex = false) {
+    CommandResult r = runCommand(std::string("ffprobe -v error -count_frames -select_streams ") + kind +
+                                 (byIndex ? "" : ":0") + " -show_entries stream=nb_read_frames -of csv=p=0 " +
+                                 shellQuote(path));
+    if (r.status != 0 || r.output.empty()) {
+        return -1;
+    }
+    return std::stoi(r.output);
+}
+
+// FNV-1a over the visible bytes of a YUV 4:2:0 picture, plane by plane.
+inline uint64_t hashPicture(const uint8_t* const data[], const int linesize[], int width, int height) {
+    uint64_t h = 1469598103934665603ull;
+    for (int plane = 0; plane < 3; ++plane) {
+        int w = plane == 0 ? width : (width + 1) / 2;
+        int rows = plane == 0 ? height : (height + 1) / 2;
+        for (int y = 0; y < rows; ++y) {
+            const uint8_t* row = data[plane] + static_cast<ptrdiff_t>(y) * linesize[plane];
+            for (int x = 0; x < w; ++x) {
+                h = (h ^ row[x]) * 1099511628211ull;
+            }
+        }
+    }
+    return h;
+}
+
+// One frame as a consumer saw it in the output queue.
+struct DecodedFrame {
+    int ptsMs = 0;
+    int durationMs = 0;
+    int size = 0;
+    int type = 0;
+    int format = 0;
+    int width = 0;
+    int height = 0;
+    int sampleRate = 0;
+    int channels = 0;
+    int nbSamples = 0;
+    // Video: the index drawn into the picture, and a hash of its planes.
+    int index = -1;
+    uint64_t hash = 0;
+};
+
+inline DecodedFrame describeFrame(const FrameBuffer* b) {
+    DecodedFrame f;
+    f.ptsMs = b->ptsMs;
+    f.durationMs = b->durationMs;
+    f.size = b->size;
+    f.type = b->type;
+    f.format = b->format;
+    f.width = b->width;
+    f.height = b->height;
+    f.sampleRate = b->sampleRate;
+    f.channels = b->channels;
+    f.nbSamples = b->nbSamples;
+    bool picture = b->width > 0 && b->height > 0 &&
+                   (b->format == AV_PIX_FMT_YUV420P || b->format == AV_PIX_FMT_YUVJ420P);
+    if (picture && b->size > 0) {
+        const Picture* p = pictureOf(b);
+        f.index = frameIndexFromLuma(p->data[0], p->linesize[0], b->width, b->height);
+        f.hash = hashPicture(p->data, p->linesize, b->width, b->height);
+    }
+    return f;
+}
+
+// Drains an output queue on a thread of its own, as a renderer does, until
+// told to finish; records every frame and the end-of-stream record.
+class OutputCollector {
+public:
+    // `onEnd` runs on the collector's thread when the end-of-stream record
+    // arrives.
+    explicit OutputCollector(FrameBufferQueue* queue, std::function<void()> onEnd = nullptr)
+        : mQueue(queue), mOnEnd(std::move(onEnd)) {}
+    ~OutputCollector() { finish(); }
+    OutputCollector(const OutputCollector&) = delete;
+    OutputCollector& operator=(const OutputCollector&) = delete;
+
+    void start() { mThread = std::thread([this] { run(); }); }
+    // True once the end-of-stream record arrived, false if it did not within
+    // the time-out.
+    bool waitForEnd(int timeoutMs) {
+        std::unique_lock<std::mutex> lock(mMutex);
+        return mCond.wait_for(lock, std::chrono::milliseconds(timeoutMs), [this] { return mEnded; });
+    }
+    bool waitForFrames(size_t n, int timeoutMs) {
+        std::unique_lock<std::mutex> lock(mMutex);
+        return mCond.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return mFrames.size() >= n; });
+    }
+    void finish() {
+        mStop = true;
+        if (mThread.joinable()) {
+            mThread.join();
+        }
+    }
+    std::vector<DecodedFrame> frames() const {
+        std::lock_guard<std::mutex> lock(mMutex);
+        return mFrames;
+    }
+    // Records (frames or end markers) that came after the first end marker.
+    int afterEnd() const {
+        std::lock_guard<std::mutex> lock(mMutex);
+        return mAfterEnd;
+    }
+
+private:
+    void run() {
+        while (!mStop) {
+            int index = mQueue->dequeueOutputBufferIndex(20);
+            if (index == -2) {
+                continue;
+            }
+            if (index < 0) {
+                // Aborted: the decoder is flushing or stopping.
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
+                continue;
+            }
+            const FrameBuffer* b = mQueue->getBuffer(index);
+            bool end = b->size == 0;
+            DecodedFrame f = end ? DecodedFrame() : describeFrame(b);
+            mQueue->releaseOutputBuffer();
+            if (end && mOnEnd) {
+                mOnEnd();
+            }
+            std::lock_guard<std::mutex> lock(mMutex);
+            if (mEnded) {
+                mAfterEnd += 1;
+            }
+            if (end) {
+                mEnded = true;
+            } else {
+                mFrames.push_back(f);
+            }
+            mCond.notify_all();
+        }
+    }
+
+    FrameBufferQueue* mQueue;
+    std::function<void()> mOnEnd;
+    std::thread mThread;
+    std::atomic<bool> mStop{false};
+    mutable std::mutex mMutex;
+    std::condition_variable mCond;
+    std::vector<DecodedFrame> mFrames;
+    bool mEnded = false;
+    int mAfterEnd = 0;
+};
+
+// Hands a packet to a decoder the way the demux thread does: a 5 ms wait,
+// retried while the input queue is full. False (packet freed) on any other
+// failure or after ten seconds.
+inline bool queuePacket(Decoder& decoder, AVPacket* pkt) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    for (;;) {
+        int ret = decoder.queueInputBuffer(pkt, 5);
+        if (ret == 0) {
+            return true;
+        }
+        if (ret != -2 || std::chrono::steady_clock::now() > deadline) {
+            if (pkt != nullptr) {
+                av_packet_unref(pkt);
+            }
+            return false;
+        }
+    }
+}
+
+// A file opened with the media extractor, its best streams found.
+struct OpenedMedia {
+    FFmpegMediaExtractor extractor;
+    int video = -1;
+    int audio = -1;
+    bool open(const std::string& path) {
+        if (extractor.setSource(path.c_str()) != 0 || extractor.findStreamInfo() != 0) {
+            return false;
+        }
+        video = extractor.mMediaInfo.bestVideoStreamIndex;
+        audio = extractor.mMediaInfo.bestAudioStreamIndex;
+        return true;
+    }
+    AVStream* stream(int index) { return extractor.getStream(index); }
+};
+
+// Feeds the packets of one stream to the decoder, then its end marker.
+// `alter(n, pkt)` may change the n-th packet of the stream before it goes
+// in; `limit` stops after that many packets (no end marker then). Returns
+// the number of packets fed, -1 when the decoder refused one.
+inline int feedStream(FFmpegMediaExtractor& extractor, int streamIndex, Decoder& decoder,
+                      const std::function<void(int, AVPacket*)>& alter = nullptr, int limit = -1) {
+    ScopedAVPacket pkt = makeScopedAVPacket();
+    int n = 0;
+    while ((limit < 0 || n < limit) && extractor.readFrame(pkt.get()) == 0) {
+        if (pkt->stream_index != streamIndex || pkt->size == 0) {
+            av_packet_unref(pkt.get());
+            continue;
+        }
+        if (alter) {
+            alter(n, pkt.get());
+        }
+        n += 1;
+        if (!queuePacket(decoder, pkt.get())) {
+            return -1;
+        }
+    }
+    if (limit < 0 && !queuePacket(decoder, nullptr)) {
+        return -1;
+    }
+    return n;
+}
+
+// Checks every frame of a decoded video stream: the index drawn into it is
+// its position (a damaged file may lack pictures, then indices only rise),
+// times rise, durations match the spacing of neighbouring pictures.
+inline void expectWholeVideo(const std::vector<DecodedFrame>& frames, int expectedCount, bool complete = true) {
+    ASSERT_EQ(static_cast<int>(frames.size()), expectedCount);
+    for (size_t i = 0; i < frames.size(); ++i) {
+        const DecodedFrame& f = frames[i];
+        if (complete || i == 0) {
+            EXPECT_EQ(f.index, static_cast<int>(i)) << "frame " << i;
+        } else {
+            EXPECT_GT(f.index, frames[i - 1].index) << "frame " << i;
+        }
+        EXPECT_GT(f.size, 0);
+        EXPECT_GT(f.durationMs, 0) << "frame " << i;
+        if (i > 0) {
+            EXPECT_GT(f.ptsMs, frames[i - 1].ptsMs) << "frame " << i;
+            if (f.index == frames[i - 1].index + 1) {
+                EXPECT_NEAR(frames[i - 1].durationMs, f.ptsMs - frames[i - 1].ptsMs, 1) << "frame " << i;
+            }
+        }
+        if (::testing::Test::HasFailure()) {
+            return;
+        }
+    }
+}
+
+// Waits (bounded) until the condition holds.
+inline bool eventually(const std::function<bool()>& condition, int timeoutMs) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+// Takes one frame from the queue on the calling thread; false when none came
+// within the time-out.
+inline bool takeFrame(FrameBufferQueue* queue, DecodedFrame* out, bool* end, int timeoutMs) {
+    int index = queue->dequeueOutputBufferIndex(timeoutMs);
+    if (index < 0) {
+        return false;
+    }
+    const FrameBuffer* b = queue->getBuffer(index);
+    *end = b->size == 0;
+    *out = describeFrame(b);
+    queue->releaseOutputBuffer();
+    return true;
+}
+
+// A seek as the player makes one: the decoder is blocked on a full output
+// ring with packets still queued, it is flushed, the extractor seeks to 5 s
+// and feeding goes on. The first frame after the flush must be the key
+// frame at 5 s (index 150) and every later one must follow it: no frame
+// from before the flush may leak out.
+inline void expectFlushThenSeek(Decoder& decoder, OpenedMedia& media) {
+    FrameBufferQueue* queue = decoder.getOutputQueue();
+    ASSERT_EQ(decoder.start(), 0);
+    ASSERT_EQ(feedStream(media.extractor, media.video, decoder, nullptr, 60), 60);
+    ASSERT_TRUE(eventually([&] { return queue->getSize() == 5; }, 10000)) << "the ring never filled";
+    for (int i = 0; i < 3; ++i) {
+        DecodedFrame f;
+        bool end = false;
+        ASSERT_TRUE(takeFrame(queue, &f, &end, 5000));
+        ASSERT_FALSE(end);
+        EXPECT_EQ(f.index, i);
+    }
+    ASSERT_TRUE(eventually([&] { return queue->getSize() == 5; }, 10000)) << "the ring never filled again";
+    EXPECT_EQ(decoder.flush(), 0);
+    EXPECT_EQ(decoder.getStatus(), DECODER_STATUS_RUNNING);
+    EXPECT_EQ(queue->getSize(), 0);
+    ASSERT_GE(media.extractor.seekFrame(5000, -1, AVSEEK_FLAG_BACKWARD), 0);
+    ASSERT_GT(feedStream(media.extractor, media.video, decoder), 0);
+    std::vector<DecodedFrame> after;
+    for (;;) {
+        DecodedFrame f;
+        bool end = false;
+        ASSERT_TRUE(takeFrame(queue, &f, &end, 10000)) << "stalled after " << after.size() << " frames";
+        if (end) {
+            break;
+        }
+        after.push_back(f);
+    }
+    ASSERT_EQ(after.size(), 150u);
+    EXPECT_EQ(after[0].index, 150);
+    EXPECT_EQ(after[0].ptsMs, 5000);
+    for (size_t i = 0; i < after.size(); ++i) {
+        ASSERT_EQ(after[i].index, 150 + static_cast<int>(i));
+    }
+}
+
+// stop() while the decoding thread is blocked handing a frame to a full
+// ring returns promptly, and a later flush() does not wait.
+inline void expectPromptStop(Decoder& decoder, OpenedMedia& media) {
+    FrameBufferQueue* queue = decoder.getOutputQueue();
+    ASSERT_EQ(decoder.start(), 0);
+    ASSERT_EQ(feedStream(media.extractor, media.video, decoder, nullptr, 60), 60);
+    ASSERT_TRUE(eventually([&] { return queue->getSize() == 5; }, 10000));
+    std::future<int> stopped = std::async(std::launch::async, [&] { return decoder.stop(); });
+    ASSERT_EQ(stopped.wait_for(std::chrono::seconds(5)), std::future_status::ready) << "stop() hangs";
+    EXPECT_EQ(stopped.get(), 0);
+    EXPECT_EQ(decoder.getStatus(), DECODER_STATUS_STOPPED);
+    std::future<int> flushed = std::async(std::launch::async, [&] { return decoder.flush(); });
+    ASSERT_EQ(flushed.wait_for(std::chrono::seconds(5)), std::future_status::ready) << "flush() after stop waits";
+    EXPECT_EQ(decoder.getStatus(), DECODER_STATUS_STOPPED);
+    EXPECT_EQ(decoder.queueInputBuffer(nullptr, 0), -3) << "a stopped decoder takes nothing";
+}
+
+// Makes a packet's first four bytes 0xFF: for length-prefixed H.264 a NAL
+// unit longer than the packet.
+inline void damagePacket(AVPacket* pkt) {
+    ASSERT_EQ(av_packet_make_writable(pkt), 0);
+    ASSERT_GE(pkt->size, 4);
+    memset(pkt->data, 0xFF, 4);
+}
+
+// How many log lines of the tag start with the prefix.
+template <typename Log>
+int countPrefixed(const Log& log, const std::string& tag, const std::string& prefix) {
+    int n = 0;
+    for (const std::string& m : log.messages(tag)) {
+        n += m.compare(0, prefix.size(), prefix) == 0 ? 1 : 0;
+    }
+    return n;
+}
+
+}  // namespace kavra::test

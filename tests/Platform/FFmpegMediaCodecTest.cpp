@@ -1,0 +1,359 @@
+// The Linux media codec: the buffer-queue contract over FFmpeg's H.264
+// decoder.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <set>
+
+#include "Decoder/DecoderTestSupport.h"
+#include "Decoder/MediaCodecVideoDecoder.h"
+#include "Platform/FFmpegMediaCodec.h"
+
+namespace kavra::test {
+namespace {
+
+constexpr int kWidth = 320;
+constexpr int kHeight = 240;
+constexpr size_t kPictureBytes = kWidth * kHeight * 3 / 2;
+
+// The H.264 fixture's video as the codec wants it: Annex B pictures without
+// in-band parameter sets (each four-byte length replaced by a start code),
+// in decode order, and the parameter sets as codec-specific data.
+struct AnnexBStream {
+    std::vector<std::vector<uint8_t>> pictures;
+    std::vector<int64_t> pts;
+    std::vector<bool> key;
+    std::vector<uint8_t> csd0;
+    std::vector<uint8_t> csd1;
+
+    AnnexBStream() {
+        OpenedMedia media;
+        EXPECT_TRUE(media.open(fixture("h264_aac.mp4")));
+        const AVCodecParameters* par = media.stream(media.video)->codecpar;
+        EXPECT_TRUE(MediaCodecVideoDecoder::parseCodecSpecificData(par->extradata, par->extradata_size, &csd0, &csd1));
+        EXPECT_EQ(par->extradata[4] & 3, 3) << "four-byte NAL lengths";
+        ScopedAVPacket pkt = makeScopedAVPacket();
+        while (media.extractor.readFrame(pkt.get()) == 0) {
+            if (pkt->stream_index == media.video && pkt->size > 0) {
+                std::vector<uint8_t> bytes(pkt->data, pkt->data + pkt->size);
+                for (size_t at = 0; at + 4 <= bytes.size();) {
+                    size_t n = static_cast<size_t>(bytes[at]) << 24 | bytes[at + 1] << 16 | bytes[at + 2] << 8 |
+                               bytes[at + 3];
+                    bytes[at] = 0;
+                    bytes[at + 1] = 0;
+                    bytes[at + 2] = 0;
+                    bytes[at + 3] = 1;
+                    at += 4 + n;
+                }
+                pictures.push_back(std::move(bytes));
+                pts.push_back(pkt->pts);
+                key.push_back((pkt->flags & AV_PKT_FLAG_KEY) != 0);
+            }
+            av_packet_unref(pkt.get());
+        }
+    }
+};
+
+const AnnexBStream& stream() {
+    static AnnexBStream s;
+    return s;
+}
+
+MediaFormat videoFormat(bool withCsd) {
+    MediaFormat f;
+    f.setString(MediaFormat::KEY_MIME, "video/avc");
+    f.setInt32(MediaFormat::KEY_WIDTH, kWidth);
+    f.setInt32(MediaFormat::KEY_HEIGHT, kHeight);
+    f.setInt32(MediaFormat::KEY_FRAME_RATE, 30);
+    f.setInt32(MediaFormat::KEY_COLOR_FORMAT, MediaCodec::COLOR_FormatYUV420Planar);
+    if (withCsd) {
+        f.setBuffer(MediaFormat::KEY_CSD_0, stream().csd0.data(), stream().csd0.size());
+        f.setBuffer(MediaFormat::KEY_CSD_1, stream().csd1.data(), stream().csd1.size());
+    }
+    return f;
+}
+
+struct Output {
+    int64_t pts;
+    uint32_t flags;
+    int32_t size;
+    int index;  // drawn into the picture
+    uint64_t hash;
+    const uint8_t* buffer;
+};
+
+// Drives a codec from one thread as a decoder thread would: queue a picture
+// whenever an input buffer is free, take every output that is ready, give
+// each output back at once. Records what comes out and in which order the
+// announcements came.
+struct Driver {
+    MediaCodec& codec;
+    std::vector<Output> outputs;
+    std::vector<int> events;  // -2 for a format announcement, 0 for a buffer
+    bool ended = false;
+
+    explicit Driver(MediaCodec& c) : codec(c) {}
+
+    bool queue(const std::vector<uint8_t>& bytes, int64_t pts, uint32_t flags) {
+        for (int attempt = 0; attempt < 500; ++attempt) {
+            ssize_t index = codec.dequeueInputBuffer(10000);
+            if (index >= 0) {
+                size_t capacity = 0;
+                uint8_t* data = codec.getInputBuffer(static_cast<size_t>(index), &capacity);
+                EXPECT_NE(data, nullptr);
+                EXPECT_GE(capacity, bytes.size());
+                std::copy(bytes.begin(), bytes.end(), data);
+                EXPECT_EQ(codec.queueInputBuffer(static_cast<size_t>(index), 0, bytes.size(),
+                                                 static_cast<uint64_t>(pts), flags),
+                          MediaCodec::OK);
+                return true;
+            }
+            poll(0);
+        }
+        return false;
+    }
+
+    // Takes what is ready; returns false when nothing was.
+    bool poll(int64_t timeoutUs) {
+        MediaCodecBufferInfo info;
+        ssize_t index = codec.dequeueOutputBuffer(&info, timeoutUs);
+        if (index == MediaCodec::INFO_OUTPUT_FORMAT_CHANGED) {
+            events.push_back(-2);
+            return true;
+        }
+        if (index < 0) {
+            return false;
+        }
+        events.push_back(0);
+        size_t capacity = 0;
+        const uint8_t* data = codec.getOutputBuffer(static_cast<size_t>(index), &capacity);
+        EXPECT_NE(data, nullptr);
+        Output o{info.presentationTimeUs, info.flags, info.size, -1, 0, data};
+        if (info.size > 0 && data != nullptr) {
+            EXPECT_GE(capacity, static_cast<size_t>(info.size));
+            const uint8_t* planes[3] = {data, data + kWidth * kHeight, data + kWidth * kHeight * 5 / 4};
+            const int linesizes[3] = {kWidth, kWidth / 2, kWidth / 2};
+            o.index = frameIndexFromLuma(data, kWidth, kWidth, kHeight);
+            o.hash = hashPicture(planes, linesizes, kWidth, kHeight);
+        }
+        if (info.flags & MediaCodec::BUFFER_FLAG_END_OF_STREAM) {
+            ended = true;
+        }
+        outputs.push_back(o);
+        EXPECT_EQ(codec.releaseOutputBuffer(static_cast<size_t>(index), info.size > 0), MediaCodec::OK);
+        return true;
+    }
+
+    void finish() {
+        std::vector<uint8_t> none;
+        ASSERT_TRUE(queue(none, 0, MediaCodec::BUFFER_FLAG_END_OF_STREAM));
+        for (int i = 0; i < 2000 && !ended; ++i) {
+            poll(10000);
+        }
+        ASSERT_TRUE(ended) << "no end-of-stream output";
+    }
+};
+
+std::unique_ptr<MediaCodec> startedCodec(bool withCsd) {
+    std::unique_ptr<MediaCodec> codec = MediaCodec::createDecoderByType("video/avc");
+    EXPECT_NE(codec, nullptr);
+    MediaFormat format = videoFormat(withCsd);
+    EXPECT_EQ(codec->configure(&format, nullptr, nullptr, 0), MediaCodec::OK);
+    EXPECT_EQ(codec->start(), MediaCodec::OK);
+    return codec;
+}
+
+TEST(FFmpegMediaCodec, DecodesAWholeStreamUnderTheContract) {
+    const AnnexBStream& s = stream();
+    ASSERT_EQ(s.pictures.size(), 300u);
+    std::unique_ptr<MediaCodec> codec = startedCodec(true);
+    Driver d(*codec);
+    for (size_t i = 0; i < s.pictures.size(); ++i) {
+        ASSERT_TRUE(d.queue(s.pictures[i], s.pts[i], s.key[i] ? MediaCodec::BUFFER_FLAG_KEY_FRAME : 0));
+        d.poll(0);
+    }
+    d.finish();
+
+    // The format is announced once, before the first buffer.
+    ASSERT_FALSE(d.events.empty());
+    EXPECT_EQ(d.events[0], -2);
+    EXPECT_EQ(std::count(d.events.begin(), d.events.end(), -2), 1);
+    std::unique_ptr<MediaFormat> format = codec->getOutputFormat();
+    int32_t value = 0;
+    EXPECT_TRUE(format->getInt32(MediaFormat::KEY_WIDTH, &value) && value == kWidth);
+    EXPECT_TRUE(format->getInt32(MediaFormat::KEY_HEIGHT, &value) && value == kHeight);
+    EXPECT_TRUE(format->getInt32(MediaFormat::KEY_COLOR_FORMAT, &value) && value == 19);
+    EXPECT_TRUE(format->getInt32(MediaFormat::KEY_STRIDE, &value) && value == kWidth);
+    EXPECT_TRUE(format->getInt32(MediaFormat::KEY_SLICE_HEIGHT, &value) && value == kHeight);
+
+    // Every picture, in display order, with the time it went in with, the
+    // same pixels as FFmpeg's own decoding, from a fixed pool of buffers;
+    // then one empty buffer flagged end of stream.
+    ASSERT_EQ(d.outputs.size(), 301u);
+    std::vector<int64_t> times = s.pts;
+    std::sort(times.begin(), times.end());
+    std::vector<ScopedAVFrame> reference = referenceFrames(fixture("h264_aac.mp4"), AVMEDIA_TYPE_VIDEO, -1);
+    ASSERT_EQ(reference.size(), 300u);
+    std::set<const uint8_t*> pool;
+    for (size_t i = 0; i < 300; ++i) {
+        const Output& o = d.outputs[i];
+        ASSERT_EQ(o.size, static_cast<int32_t>(kPictureBytes)) << i;
+        ASSERT_EQ(o.flags, 0u) << i;
+        ASSERT_EQ(o.pts, times[i]) << i;
+        ASSERT_EQ(o.index, static_cast<int>(i));
+        ASSERT_EQ(o.hash, hashPicture(reference[i]->data, reference[i]->linesize, kWidth, kHeight)) << i;
+        pool.insert(o.buffer);
+    }
+    EXPECT_LE(pool.size(), static_cast<size_t>(FFmpegMediaCodec::kOutputBuffers));
+    EXPECT_EQ(d.outputs.back().flags, MediaCodec::BUFFER_FLAG_END_OF_STREAM);
+    EXPECT_EQ(d.outputs.back().size, 0);
+
+    // After the end only a flush makes it take input again.
+    ssize_t index = codec->dequeueInputBuffer(10000);
+    ASSERT_GE(index, 0);
+    EXPECT_EQ(codec->queueInputBuffer(static_cast<size_t>(index), 0, 0, 0, 0), MediaCodec::ERROR_INVALID_OPERATION);
+    EXPECT_EQ(codec->flush(), MediaCodec::OK);
+    Driver again(*codec);
+    for (size_t i = 0; i < 40; ++i) {
+        ASSERT_TRUE(again.queue(s.pictures[i], s.pts[i], 0));
+        again.poll(0);
+    }
+    again.finish();
+    EXPECT_EQ(again.outputs.size(), 41u);
+    EXPECT_EQ(again.outputs[0].index, 0);
+    EXPECT_EQ(codec->stop(), MediaCodec::OK);
+}
+
+TEST(FFmpegMediaCodec, WithoutParameterSetsNothingDecodes) {
+    const AnnexBStream& s = stream();
+    std::unique_ptr<MediaCodec> codec = startedCodec(false);
+    Driver d(*codec);
+    for (size_t i = 0; i < 30; ++i) {
+        ASSERT_TRUE(d.queue(s.pictures[i], s.pts[i], 0));
+        d.poll(0);
+    }
+    d.finish();
+    ASSERT_EQ(d.outputs.size(), 1u) << "only the end-of-stream buffer";
+}
+
+TEST(FFmpegMediaCodec, HeldOutputsStallItAndAFlushReturnsEverything) {
+    const AnnexBStream& s = stream();
+    std::unique_ptr<MediaCodec> codec = startedCodec(true);
+    // Queue pictures and keep every output: once the pool is out, input
+    // stops being taken.
+    std::vector<ssize_t> held;
+    size_t next = 0;
+    bool inputStalled = false;
+    for (int round = 0; round < 400 && !inputStalled; ++round) {
+        ssize_t in = codec->dequeueInputBuffer(20000);
+        if (in < 0) {
+            inputStalled = true;
+            break;
+        }
+        size_t capacity = 0;
+        uint8_t* data = codec->getInputBuffer(static_cast<size_t>(in), &capacity);
+        ASSERT_NE(data, nullptr);
+        std::copy(s.pictures[next].begin(), s.pictures[next].end(), data);
+        ASSERT_EQ(codec->queueInputBuffer(static_cast<size_t>(in), 0, s.pictures[next].size(),
+                                          static_cast<uint64_t>(s.pts[next]), 0),
+                  MediaCodec::OK);
+        next += 1;
+        MediaCodecBufferInfo info;
+        ssize_t out;
+        while ((out = codec->dequeueOutputBuffer(&info, 0)) != MediaCodec::INFO_TRY_AGAIN_LATER) {
+            if (out >= 0) {
+                held.push_back(out);
+            }
+        }
+    }
+    ASSERT_TRUE(inputStalled);
+    EXPECT_EQ(held.size(), static_cast<size_t>(FFmpegMediaCodec::kOutputBuffers));
+    MediaCodecBufferInfo info;
+    EXPECT_EQ(codec->dequeueOutputBuffer(&info, 20000), MediaCodec::INFO_TRY_AGAIN_LATER);
+
+    EXPECT_EQ(codec->flush(), MediaCodec::OK);
+    EXPECT_EQ(codec->releaseOutputBuffer(static_cast<size_t>(held[0]), false), MediaCodec::ERROR_INVALID_PARAMETER)
+        << "indices handed out before a flush are void";
+    EXPECT_EQ(codec->dequeueOutputBuffer(&info, 0), MediaCodec::INFO_TRY_AGAIN_LATER) << "nothing stale comes out";
+    // Decoding resumes at the key picture of the sixth second.
+    size_t key = 150;
+    ASSERT_TRUE(s.key[key]);
+    Driver d(*codec);
+    for (size_t i = key; i < key + 30; ++i) {
+        ASSERT_TRUE(d.queue(s.pictures[i], s.pts[i], 0));
+        d.poll(0);
+    }
+    d.finish();
+    ASSERT_EQ(d.outputs.size(), 31u);
+    for (size_t i = 0; i < 30; ++i) {
+        EXPECT_EQ(d.outputs[i].index, static_cast<int>(key + i));
+    }
+}
+
+TEST(FFmpegMediaCodec, RefusesCallsOutOfOrderAndBadArguments) {
+    EXPECT_EQ(MediaCodec::createDecoderByType("video/hevc"), nullptr);
+    EXPECT_EQ(MediaCodec::createDecoderByType(nullptr), nullptr);
+    std::unique_ptr<MediaCodec> codec = MediaCodec::createDecoderByType("video/avc");
+    ASSERT_NE(codec, nullptr);
+    MediaCodecBufferInfo info;
+    EXPECT_EQ(codec->start(), MediaCodec::ERROR_INVALID_OPERATION) << "not configured";
+    EXPECT_EQ(codec->dequeueInputBuffer(0), MediaCodec::ERROR_INVALID_OPERATION);
+    EXPECT_EQ(codec->dequeueOutputBuffer(&info, 0), MediaCodec::ERROR_INVALID_OPERATION);
+    EXPECT_EQ(codec->flush(), MediaCodec::ERROR_INVALID_OPERATION);
+
+    MediaFormat other = videoFormat(true);
+    other.setString(MediaFormat::KEY_MIME, "video/hevc");
+    EXPECT_EQ(codec->configure(&other, nullptr, nullptr, 0), MediaCodec::ERROR_UNSUPPORTED);
+    MediaFormat semiPlanar = videoFormat(true);
+    semiPlanar.setInt32(MediaFormat::KEY_COLOR_FORMAT, 21);
+    EXPECT_EQ(codec->configure(&semiPlanar, nullptr, nullptr, 0), MediaCodec::ERROR_UNSUPPORTED);
+    MediaFormat format = videoFormat(true);
+    EXPECT_EQ(codec->configure(&format, nullptr, nullptr, 1), MediaCodec::ERROR_UNSUPPORTED) << "no encoding";
+    ASSERT_EQ(codec->configure(&format, nullptr, nullptr, 0), MediaCodec::OK);
+    EXPECT_EQ(codec->configure(&format, nullptr, nullptr, 0), MediaCodec::ERROR_INVALID_OPERATION);
+    ASSERT_EQ(codec->start(), MediaCodec::OK);
+
+    size_t capacity = 0;
+    EXPECT_EQ(codec->getInputBuffer(0, &capacity), nullptr) << "not dequeued";
+    EXPECT_EQ(codec->getOutputBuffer(0, &capacity), nullptr);
+    EXPECT_EQ(codec->releaseOutputBuffer(0, false), MediaCodec::ERROR_INVALID_PARAMETER);
+    ssize_t index = codec->dequeueInputBuffer(0);
+    ASSERT_GE(index, 0);
+    ASSERT_NE(codec->getInputBuffer(static_cast<size_t>(index), &capacity), nullptr);
+    EXPECT_GE(capacity, FFmpegMediaCodec::kMinInputBytes);
+    EXPECT_EQ(codec->queueInputBuffer(static_cast<size_t>(index), 0, capacity + 1, 0, 0),
+              MediaCodec::ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(codec->queueInputBuffer(static_cast<size_t>(index), 8, capacity - 4, 0, 0),
+              MediaCodec::ERROR_INVALID_PARAMETER);
+    EXPECT_EQ(codec->queueInputBuffer(static_cast<size_t>(index), 0, 0, 0, 0), MediaCodec::OK);
+    EXPECT_EQ(codec->queueInputBuffer(static_cast<size_t>(index), 0, 0, 0, 0), MediaCodec::ERROR_INVALID_PARAMETER)
+        << "already queued";
+    // Every input buffer can be taken; then none is left.
+    int taken = 0;
+    while (codec->dequeueInputBuffer(20000) >= 0) {
+        taken += 1;
+    }
+    EXPECT_EQ(taken, FFmpegMediaCodec::kInputBuffers);
+
+    EXPECT_EQ(codec->stop(), MediaCodec::OK);
+    EXPECT_EQ(codec->dequeueInputBuffer(0), MediaCodec::ERROR_INVALID_OPERATION);
+    EXPECT_EQ(codec->start(), MediaCodec::ERROR_INVALID_OPERATION) << "stop leaves it unconfigured";
+    ASSERT_EQ(codec->configure(&format, nullptr, nullptr, 0), MediaCodec::OK);
+    EXPECT_EQ(codec->start(), MediaCodec::OK);
+}
+
+TEST(FFmpegMediaCodec, AWaitingClientIsReleasedByStop) {
+    std::unique_ptr<MediaCodec> codec = startedCodec(true);
+    std::future<ssize_t> waiting = std::async(std::launch::async, [&] {
+        MediaCodecBufferInfo info;
+        return codec->dequeueOutputBuffer(&info, -1);
+    });
+    EXPECT_EQ(waiting.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    EXPECT_EQ(codec->stop(), MediaCodec::OK);
+    ASSERT_EQ(waiting.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    EXPECT_EQ(waiting.get(), MediaCodec::INFO_TRY_AGAIN_LATER);
+}
+
+}  // namespace
+}  // namespace kavra::test

@@ -1,0 +1,652 @@
+// The demux pipeline on real media with the real decoders: every packet to
+// its decoder, end of stream, seeks (after the end and against a blocked
+// read), prompt stops, stream choice and audio track switching.
+
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
+#include <cstdio>
+#include <fstream>
+#include <iterator>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Decoder/FFmpegDecoder.h"
+#include "Decoder/MediaCodecVideoDecoder.h"
+#include "Player/KavraMediaDecoder.h"
+#include "support/Fixtures.h"
+#include "support/FrameIndex.h"
+#include "support/LogCapture.h"
+#include "support/Process.h"
+
+namespace kavra::test {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+const char* const kTag = "KavraMediaDecoder";
+constexpr int kWaitMs = 60000;
+
+long msSince(Clock::time_point start) {
+    return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
+}
+
+// Drains one decoder output queue on its own thread, as a render thread
+// does, and records what came out.
+class Drain {
+public:
+    struct Item {
+        int ptsMs;
+        int size;
+        // Video: the frame index drawn in the picture. Audio: sign changes
+        // of the first channel (a measure of the tone's pitch).
+        int value;
+    };
+
+    Drain(FrameBufferQueue* queue, bool video) : mQueue(queue), mVideo(video), mStop(false) {
+        mThread = std::thread([this] { run(); });
+    }
+    ~Drain() { stop(); }
+
+    void stop() {
+        mStop = true;
+        if (mThread.joinable()) {
+            mThread.join();
+        }
+    }
+
+    // Waits until `count` end-of-stream records arrived.
+    bool waitForEnds(int count, int timeoutMs) {
+        std::unique_lock<std::mutex> lock(mMutex);
+        return mCond.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return mEnds >= count; });
+    }
+    bool waitForItems(size_t count, int timeoutMs) {
+        std::unique_lock<std::mutex> lock(mMutex);
+        return mCond.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return mItems.size() >= count; });
+    }
+    std::vector<Item> items() {
+        std::lock_guard<std::mutex> lock(mMutex);
+        return mItems;
+    }
+    int ends() {
+        std::lock_guard<std::mutex> lock(mMutex);
+        return mEnds;
+    }
+    void clear() {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mItems.clear();
+    }
+
+private:
+    void run() {
+        while (!mStop) {
+            int index = mQueue->dequeueOutputBufferIndex(30);
+            if (index < 0) {
+                if (index == -3) {
+                    // The queue is not made yet, or is being flushed.
+                    std::unique_lock<std::mutex> lock(mMutex);
+                    mCond.wait_for(lock, std::chrono::milliseconds(2));
+                }
+                continue;
+            }
+            FrameBuffer* buffer = mQueue->getBuffer(index);
+            Item item{buffer->ptsMs, buffer->size, -1};
+            if (buffer->size != 0) {
+                item.value = mVideo ? videoIndex(buffer) : crossings(buffer);
+            }
+            mQueue->releaseOutputBuffer();
+            std::lock_guard<std::mutex> lock(mMutex);
+            if (item.size == 0) {
+                mEnds += 1;
+            } else {
+                mItems.push_back(item);
+            }
+            mCond.notify_all();
+        }
+    }
+
+    static int videoIndex(const FrameBuffer* buffer) {
+        const Picture* picture = pictureOf(buffer);
+        return frameIndexFromLuma(picture->data[0], picture->linesize[0], buffer->width, buffer->height);
+    }
+
+    static int crossings(const FrameBuffer* buffer) {
+        const AVFrame* frame = static_cast<const AVFrame*>(buffer->data);
+        if (buffer->format != AV_SAMPLE_FMT_FLTP) {
+            return -1;
+        }
+        const float* left = reinterpret_cast<const float*>(frame->extended_data[0]);
+        int count = 0;
+        for (int i = 1; i < buffer->nbSamples; ++i) {
+            if ((left[i - 1] < 0.0f) != (left[i] < 0.0f)) {
+                ++count;
+            }
+        }
+        return count;
+    }
+
+    FrameBufferQueue* mQueue;
+    bool mVideo;
+    std::atomic<bool> mStop;
+    std::mutex mMutex;
+    std::condition_variable mCond;
+    std::vector<Item> mItems;
+    int mEnds = 0;
+    std::thread mThread;
+};
+
+// What ffprobe counts when it decodes the first stream of a kind.
+int probeFrameCount(const std::string& path, const char* kind) {
+    CommandResult r = runCommand(std::string("ffprobe -v error -count_frames -select_streams ") + kind +
+                                 ":0 -show_entries stream=nb_read_frames -of csv=p=0 " + shellQuote(path));
+    if (r.status != 0 || r.output.empty()) {
+        return -1;
+    }
+    return std::stoi(r.output);
+}
+
+// Opens, probes, selects the best streams and starts a pipeline.
+void open(KavraMediaDecoder& decoder, const std::string& path, bool start = true) {
+    ASSERT_EQ(decoder.setDataSource(path.c_str()), 0);
+    ASSERT_EQ(decoder.prepare(), 0);
+    if (decoder.getCurrentVideoStreamIndex() >= 0) {
+        ASSERT_EQ(decoder.selectVideoStream(0), 0);
+    }
+    if (decoder.getCurrentAudioStreamIndex() >= 0) {
+        ASSERT_EQ(decoder.selectAudioStream(0), 0);
+    }
+    if (start) {
+        ASSERT_EQ(decoder.start(), 0);
+    }
+}
+
+// Waits (bounded) until `done` holds, looking every 2 ms.
+template <typename Predicate>
+bool waitUntil(Predicate done, int timeoutMs) {
+    Clock::time_point start = Clock::now();
+    while (!done()) {
+        if (msSince(start) >= timeoutMs) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+}
+
+double cpuSeconds() {
+    struct rusage usage;
+    getrusage(RUSAGE_SELF, &usage);
+    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+}
+
+// A temporary directory of the test's own.
+std::string tempDir() {
+    std::string pattern = ::testing::TempDir() + "kavra_pipeline.XXXXXX";
+    std::vector<char> buffer(pattern.begin(), pattern.end());
+    buffer.push_back('\0');
+    const char* made = mkdtemp(buffer.data());
+    return made != nullptr ? std::string(made) : std::string();
+}
+
+struct MediaCase {
+    const char* file;
+    bool video;
+    bool audio;
+};
+
+class KavraMediaDecoderMedia : public ::testing::TestWithParam<MediaCase> {};
+
+TEST_P(KavraMediaDecoderMedia, DemuxesEveryPacketToItsDecoderAndEndsBothStreams) {
+    const MediaCase& c = GetParam();
+    const std::string path = fixture(c.file);
+    LogCapture log;
+    KavraMediaDecoder decoder;
+    open(decoder, path, false);
+    ASSERT_EQ(decoder.getVideoOutputQueue() != nullptr, c.video);
+    ASSERT_EQ(decoder.getAudioOutputQueue() != nullptr, c.audio);
+    std::unique_ptr<Drain> video;
+    std::unique_ptr<Drain> audio;
+    if (c.video) {
+        video.reset(new Drain(decoder.getVideoOutputQueue(), true));
+    }
+    if (c.audio) {
+        audio.reset(new Drain(decoder.getAudioOutputQueue(), false));
+    }
+    ASSERT_EQ(decoder.start(), 0);
+
+    if (c.video) {
+        ASSERT_TRUE(video->waitForEnds(1, kWaitMs)) << "no video end of stream";
+        std::vector<Drain::Item> frames = video->items();
+        EXPECT_EQ(static_cast<int>(frames.size()), probeFrameCount(path, "v"));
+        for (size_t i = 0; i < frames.size(); ++i) {
+            if (frames[i].value != static_cast<int>(i)) {
+                ADD_FAILURE() << "video frame " << i << " shows index " << frames[i].value;
+                break;
+            }
+        }
+    }
+    if (c.audio) {
+        ASSERT_TRUE(audio->waitForEnds(1, kWaitMs)) << "no audio end of stream";
+        EXPECT_EQ(static_cast<int>(audio->items().size()), probeFrameCount(path, "a"));
+    }
+    ASSERT_TRUE(log.waitFor(kTag, "Mux end.", kWaitMs));
+    EXPECT_EQ(log.count(kTag, "Mux end."), 1);
+    EXPECT_TRUE(log.contains(kTag, "onMuxPacket thread begin"));
+    Clock::time_point start = Clock::now();
+    EXPECT_EQ(decoder.stop(), 0);
+    EXPECT_LT(msSince(start), 5000);
+    EXPECT_TRUE(log.contains(kTag, "onMuxPacket thread finish."));
+    if (video) {
+        video->stop();
+        EXPECT_EQ(video->ends(), 1);
+    }
+    if (audio) {
+        audio->stop();
+        EXPECT_EQ(audio->ends(), 1);
+    }
+    EXPECT_EQ(decoder.release(), 0);
+    EXPECT_EQ(decoder.release(), 0) << "release twice is harmless";
+}
+
+INSTANTIATE_TEST_SUITE_P(Media, KavraMediaDecoderMedia,
+                         ::testing::Values(MediaCase{"h264_aac.mp4", true, true}, MediaCase{"mpeg4.mp4", true, true},
+                                           // Subtitle packets are dropped and freed.
+                                           MediaCase{"with_subtitle.mp4", true, true},
+                                           MediaCase{"video_only.mp4", true, false},
+                                           MediaCase{"audio_only.m4a", false, true}));
+
+TEST(KavraMediaDecoder, EndsATruncatedFileWhereItsDataEnds) {
+    LogCapture log;
+    KavraMediaDecoder decoder;
+    open(decoder, fixture("truncated.mp4"), false);
+    Drain video(decoder.getVideoOutputQueue(), true);
+    std::unique_ptr<Drain> audio;
+    if (decoder.getAudioOutputQueue() != nullptr) {
+        audio.reset(new Drain(decoder.getAudioOutputQueue(), false));
+    }
+    ASSERT_EQ(decoder.start(), 0);
+    ASSERT_TRUE(video.waitForEnds(1, kWaitMs));
+    if (audio) {
+        ASSERT_TRUE(audio->waitForEnds(1, kWaitMs));
+    }
+    ASSERT_TRUE(log.waitFor(kTag, "Mux end.", kWaitMs));
+    std::vector<Drain::Item> frames = video.items();
+    ASSERT_FALSE(frames.empty());
+    EXPECT_LT(frames.size(), 300u);
+    EXPECT_EQ(frames.front().value, 0);
+    decoder.stop();
+    video.stop();
+    if (audio) {
+        audio->stop();
+    }
+    decoder.release();
+}
+
+TEST(KavraMediaDecoder, PicksTheHardwareDecoderForH264Only) {
+    struct Case {
+        const char* file;
+        bool hardware;
+    };
+    for (Case c : {Case{"h264_aac.mp4", true}, Case{"hevc.mp4", false}, Case{"mpeg4.mp4", false}}) {
+        KavraMediaDecoder decoder;
+        open(decoder, fixture(c.file), false);
+        Decoder* video = decoder.getVideoDecoder();
+        ASSERT_NE(video, nullptr) << c.file;
+        EXPECT_EQ(dynamic_cast<MediaCodecVideoDecoder*>(video) != nullptr, c.hardware) << c.file;
+        EXPECT_EQ(dynamic_cast<FFmpegDecoder*>(video) != nullptr, !c.hardware) << c.file;
+        EXPECT_NE(dynamic_cast<FFmpegDecoder*>(decoder.getAudioDecoder()), nullptr) << c.file;
+        decoder.release();
+    }
+}
+
+TEST(KavraMediaDecoder, SeekAfterTheEndWakesTheParkedDemuxThread) {
+    LogCapture log;
+    KavraMediaDecoder decoder;
+    open(decoder, fixture("h264_aac.mp4"), false);
+    Drain video(decoder.getVideoOutputQueue(), true);
+    Drain audio(decoder.getAudioOutputQueue(), false);
+    ASSERT_EQ(decoder.start(), 0);
+    ASSERT_TRUE(video.waitForEnds(1, kWaitMs));
+    ASSERT_TRUE(audio.waitForEnds(1, kWaitMs));
+    ASSERT_TRUE(log.waitFor(kTag, "Mux end.", kWaitMs));
+
+    // Parked: no busy loop. The process's CPU time over 400 ms of waiting
+    // stays far below what one spinning thread would use.
+    double cpuBefore = cpuSeconds();
+    EXPECT_FALSE(log.waitFor(kTag, "seekStart", 400)) << "nothing moves without a seek";
+    EXPECT_LT(cpuSeconds() - cpuBefore, 0.2);
+
+    video.clear();
+    audio.clear();
+    Clock::time_point start = Clock::now();
+    decoder.seekTo(5000);
+    EXPECT_LT(msSince(start), 5000);
+    EXPECT_FALSE(log.contains(kTag, "seek time out."));
+    std::vector<std::string> messages = log.messages(kTag);
+    EXPECT_EQ(std::count(messages.begin(), messages.end(), "seekStart"), 1);
+    EXPECT_EQ(std::count(messages.begin(), messages.end(), "seekEnd"), 1);
+
+    // Reads on from the key frame at 5 s (frame 150) to the end again.
+    ASSERT_TRUE(video.waitForEnds(2, kWaitMs));
+    ASSERT_TRUE(audio.waitForEnds(2, kWaitMs));
+    std::vector<Drain::Item> frames = video.items();
+    ASSERT_EQ(frames.size(), 150u);
+    for (size_t i = 0; i < frames.size(); ++i) {
+        if (frames[i].value != static_cast<int>(150 + i)) {
+            ADD_FAILURE() << "frame " << i << " after the seek shows index " << frames[i].value;
+            break;
+        }
+    }
+    std::vector<Drain::Item> sound = audio.items();
+    ASSERT_FALSE(sound.empty());
+    EXPECT_LE(sound.front().ptsMs, 5000);
+    EXPECT_GE(sound.front().ptsMs, 4000);
+    EXPECT_EQ(log.count(kTag, "Mux end."), 2);
+    decoder.stop();
+    video.stop();
+    audio.stop();
+    decoder.release();
+}
+
+// Whether a thread of this process sleeps in a pipe read, from the kernel's
+// wait channels; true when the kernel does not name them.
+bool threadSleepsInPipeRead() {
+    DIR* tasks = opendir("/proc/self/task");
+    if (tasks == nullptr) {
+        return true;
+    }
+    bool named = false;
+    bool reading = false;
+    while (dirent* entry = readdir(tasks)) {
+        if (entry->d_name[0] == '.') {
+            continue;
+        }
+        std::ifstream wchan(std::string("/proc/self/task/") + entry->d_name + "/wchan");
+        std::string channel;
+        std::getline(wchan, channel);
+        if (!channel.empty() && channel != "0") {
+            named = true;
+        }
+        if (channel.find("pipe_read") != std::string::npos) {
+            reading = true;
+        }
+    }
+    closedir(tasks);
+    return reading || !named;
+}
+
+// A file read through a named pipe whose writer stalls: the demux thread
+// blocks in a real read until the test lets the writer go on.
+class StallingPipe {
+public:
+    StallingPipe(const std::string& path, std::vector<uint8_t> bytes, size_t head, size_t tail)
+        : mPath(path), mBytes(std::move(bytes)), mHead(head), mTail(tail) {
+        EXPECT_EQ(mkfifo(path.c_str(), 0600), 0);
+        mThread = std::thread([this] { run(); });
+    }
+    ~StallingPipe() {
+        release(Stage::Close);
+        mThread.join();
+        unlink(mPath.c_str());
+    }
+
+    enum class Stage { Head, Tail, Close };
+
+    // Waits until the head is written, the reader has taken all of it and
+    // (where the kernel tells) a thread of this process sleeps in a read of
+    // the pipe: only the demux thread reads it.
+    bool waitUntilReaderBlocked(int timeoutMs) {
+        return waitUntil(
+            [&] {
+                int pending = -1;
+                return mHeadWritten && mFd >= 0 && ioctl(mFd, FIONREAD, &pending) == 0 && pending == 0 &&
+                       threadSleepsInPipeRead();
+            },
+            timeoutMs);
+    }
+
+    void release(Stage stage) {
+        std::lock_guard<std::mutex> lock(mMutex);
+        if (stage > mAllowed) {
+            mAllowed = stage;
+        }
+        mCond.notify_all();
+    }
+
+private:
+    bool allowed(Stage stage) {
+        std::unique_lock<std::mutex> lock(mMutex);
+        // Bounded, so that a stuck test still ends; far longer than any
+        // wait of the test itself, which must never see this fallback.
+        return mCond.wait_for(lock, std::chrono::seconds(180), [&] { return mAllowed >= stage; });
+    }
+
+    void writeAll(size_t from, size_t count) {
+        size_t done = 0;
+        while (done < count) {
+            ssize_t n = write(mFd, mBytes.data() + from + done, count - done);
+            if (n <= 0) {
+                return;
+            }
+            done += static_cast<size_t>(n);
+        }
+    }
+
+    void run() {
+        // Blocks until the reader opens the pipe.
+        mFd = ::open(mPath.c_str(), O_WRONLY);
+        if (mFd < 0) {
+            return;
+        }
+        writeAll(0, mHead);
+        mHeadWritten = true;
+        allowed(Stage::Tail);
+        // Small enough to fit the pipe's buffer: never blocks.
+        writeAll(mHead, mTail);
+        allowed(Stage::Close);
+        close(mFd);
+    }
+
+    std::string mPath;
+    std::vector<uint8_t> mBytes;
+    size_t mHead;
+    size_t mTail;
+    std::atomic<int> mFd{-1};
+    std::atomic<bool> mHeadWritten{false};
+    std::mutex mMutex;
+    std::condition_variable mCond;
+    Stage mAllowed = Stage::Head;
+    std::thread mThread;
+};
+
+TEST(KavraMediaDecoder, SeekAgainstABlockedReadTimesOutAndInterruptsTheExtractor) {
+    std::string dir = tempDir();
+    ASSERT_FALSE(dir.empty());
+    std::string ts = dir + "/clip.ts";
+    ASSERT_EQ(runCommand("ffmpeg -v error -nostdin -y -i " + shellQuote(fixture("h264_aac.mp4")) +
+                         " -c copy -f mpegts " + shellQuote(ts))
+                  .status,
+              0);
+    std::ifstream in(ts, std::ios::binary);
+    std::vector<uint8_t> bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+    ASSERT_GT(bytes.size(), 200000u);
+    std::remove(ts.c_str());
+
+    LogCapture log;
+    const std::string fifo = dir + "/pipe.ts";
+    const size_t head = bytes.size() / 2 / 188 * 188;
+    StallingPipe pipe(fifo, bytes, head, 32 * 188);
+    {
+        KavraMediaDecoder decoder;
+        open(decoder, fifo);
+        ASSERT_TRUE(pipe.waitUntilReaderBlocked(kWaitMs)) << "the reader never took the head";
+
+        // The demux thread is blocked in read().
+        Clock::time_point start = Clock::now();
+        decoder.seekTo(3000);
+        long waited = msSince(start);
+        EXPECT_GE(waited, 490);
+        EXPECT_LT(waited, 5000);
+        EXPECT_EQ(log.count(kTag, "seek time out."), 1);
+        EXPECT_FALSE(log.contains(kTag, "seekStart")) << "the seek was given up, not carried out";
+
+        // The writer goes on but keeps the pipe open: only the interrupt can
+        // end the input now.
+        pipe.release(StallingPipe::Stage::Tail);
+        EXPECT_TRUE(log.waitFor(kTag, "Mux end.", 20000)) << "the extractor was not interrupted";
+
+        // A later seek is carried out (on an extractor that reads nothing
+        // more) and does not hang.
+        start = Clock::now();
+        decoder.seekTo(1000);
+        EXPECT_LT(msSince(start), 5000);
+        start = Clock::now();
+        decoder.stop();
+        EXPECT_LT(msSince(start), 5000);
+        decoder.release();
+    }
+    pipe.release(StallingPipe::Stage::Close);
+    rmdir(dir.c_str());
+}
+
+TEST(KavraMediaDecoder, StopReturnsPromptlyWithFullQueues) {
+    // Long enough that the queues fill up long before the end of input.
+    std::string dir = tempDir();
+    ASSERT_FALSE(dir.empty());
+    std::string big = dir + "/long.mp4";
+    ASSERT_EQ(runCommand("ffmpeg -v error -nostdin -y -stream_loop 19 -i " + shellQuote(fixture("h264_aac.mp4")) +
+                         " -c copy " + shellQuote(big))
+                  .status,
+              0);
+    LogCapture log;
+    KavraMediaDecoder decoder;
+    open(decoder, big);
+    // Nobody drains: the decoders fill their output queues, then the demux
+    // thread fills their input queues and retries every 5 ms.
+    FrameBufferQueue* videoOut = decoder.getVideoOutputQueue();
+    FrameBufferQueue* audioOut = decoder.getAudioOutputQueue();
+    // The hardware decoder makes its queue's slots on its own thread; only
+    // the filled count is safe to watch from here.
+    auto full = [](FrameBufferQueue* q) { return q->getSize() == Decoder::kOutputSlots; };
+    ASSERT_TRUE(waitUntil([&] { return full(videoOut) && full(audioOut); }, kWaitMs));
+    EXPECT_FALSE(log.waitFor(kTag, "Mux end.", 300)) << "the input is too long to be read through";
+
+    Clock::time_point start = Clock::now();
+    EXPECT_EQ(decoder.stop(), 0);
+    EXPECT_LT(msSince(start), 2000);
+    EXPECT_TRUE(log.contains(kTag, "onMuxPacket thread finish."));
+    decoder.release();
+    std::remove(big.c_str());
+    rmdir(dir.c_str());
+}
+
+TEST(KavraMediaDecoder, SwitchesTheAudioTrackThatIsDecoded) {
+    const std::string path = fixture("two_audio.mp4");
+    auto median = [](std::vector<Drain::Item> items) {
+        std::vector<int> values;
+        for (const Drain::Item& item : items) {
+            values.push_back(item.value);
+        }
+        std::sort(values.begin(), values.end());
+        return values.empty() ? -1 : values[values.size() / 2];
+    };
+    {
+        // Chosen before starting.
+        KavraMediaDecoder decoder;
+        open(decoder, path, false);
+        EXPECT_EQ(decoder.getCurrentAudioStreamIndex(), 1);
+        ASSERT_EQ(decoder.selectAudioTrack(2), 0);
+        EXPECT_EQ(decoder.getCurrentAudioStreamIndex(), 2);
+        Drain audio(decoder.getAudioOutputQueue(), false);
+        ASSERT_EQ(decoder.start(), 0);
+        ASSERT_TRUE(audio.waitForItems(40, kWaitMs));
+        // 1024 samples at 44.1 kHz: 880 Hz crosses zero about 41 times,
+        // 440 Hz about 20.
+        EXPECT_GT(median(audio.items()), 34);
+        audio.stop();
+        decoder.stop();
+        decoder.release();
+    }
+    {
+        // Switched while the pipeline runs, then sought to where it was.
+        KavraMediaDecoder decoder;
+        open(decoder, path, false);
+        {
+            Drain audio(decoder.getAudioOutputQueue(), false);
+            ASSERT_EQ(decoder.start(), 0);
+            ASSERT_TRUE(audio.waitForItems(20, kWaitMs));
+            EXPECT_LT(median(audio.items()), 27) << "track 1 is the 440 Hz tone";
+        }
+        ASSERT_EQ(decoder.selectAudioTrack(2), 0);
+        decoder.seekTo(2000);
+        Drain audio(decoder.getAudioOutputQueue(), false);
+        ASSERT_TRUE(audio.waitForItems(20, kWaitMs));
+        std::vector<Drain::Item> items = audio.items();
+        EXPECT_GT(median(items), 34) << "track 2 is the 880 Hz tone";
+        EXPECT_GE(items.front().ptsMs, 1000);
+        audio.stop();
+        decoder.stop();
+        decoder.release();
+    }
+}
+
+TEST(KavraMediaDecoder, ReportsTheLaterStreamStartTime) {
+    const std::string path = fixture("late_start.ts");
+    CommandResult probe = runCommand("ffprobe -v error -show_entries stream=start_time -of csv=p=0 " + shellQuote(path));
+    ASSERT_EQ(probe.status, 0);
+    double latest = 0.0;
+    size_t at = 0;
+    while (at < probe.output.size()) {
+        size_t end = probe.output.find('\n', at);
+        std::string line = probe.output.substr(at, end == std::string::npos ? std::string::npos : end - at);
+        if (!line.empty()) {
+            latest = std::max(latest, std::stod(line));
+        }
+        at = end == std::string::npos ? probe.output.size() : end + 1;
+    }
+    KavraMediaDecoder decoder;
+    open(decoder, path, false);
+    EXPECT_EQ(decoder.getStreamStartTime(), static_cast<int>(latest * 1000.0));
+    EXPECT_GT(decoder.getStreamStartTime(), 1000);
+    decoder.release();
+}
+
+TEST(KavraMediaDecoder, LifecycleEdgesAreHarmless) {
+    KavraMediaDecoder idle;
+    EXPECT_EQ(idle.prepare(), -1);
+    EXPECT_EQ(idle.getVideoOutputQueue(), nullptr);
+    EXPECT_EQ(idle.getStreamStartTime(), 0);
+    Clock::time_point start = Clock::now();
+    idle.seekTo(-1);
+    EXPECT_LT(msSince(start), 100) << "-1 returns at once";
+    EXPECT_EQ(idle.stop(), 0);
+    EXPECT_EQ(idle.release(), 0);
+
+    // Choosing the audio stream again frees the earlier decoder first.
+    LogCapture log;
+    KavraMediaDecoder decoder;
+    open(decoder, fixture("h264_aac.mp4"), false);
+    ASSERT_EQ(decoder.selectAudioStream(0), 0);
+    ASSERT_EQ(decoder.selectVideoStream(0), 0);
+    ASSERT_EQ(decoder.start(), 0);
+    ASSERT_EQ(decoder.selectAudioStream(0), 0) << "while running too";
+    EXPECT_EQ(decoder.stop(), 0);
+    EXPECT_EQ(decoder.start(), 0) << "a stopped pipeline does not start again";
+    EXPECT_EQ(log.count(kTag, "onMuxPacket thread begin"), 1);
+    EXPECT_EQ(decoder.release(), 0);
+}
+
+}  // namespace
+}  // namespace kavra::test

@@ -1,0 +1,123 @@
+#pragma once
+
+// Helpers shared by the rendering tests: decoded fixture frames and the
+// frame records the renderers consume.
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+#include <libavutil/imgutils.h>
+}
+
+#include "Common/FFmpegPtr.h"
+#include "Common/FrameBuffer.h"
+#include "support/Fixtures.h"
+
+namespace kavra::test {
+
+// Up to `maxFrames` frames of the best stream of `type`, decoded with plain
+// FFmpeg calls, in output order.
+inline std::vector<ScopedAVFrame> decodeFrames(const std::string& path, AVMediaType type, int maxFrames) {
+    std::vector<ScopedAVFrame> frames;
+    AVFormatContext* raw = nullptr;
+    if (avformat_open_input(&raw, path.c_str(), nullptr, nullptr) < 0) {
+        ADD_FAILURE() << "cannot open " << path;
+        return frames;
+    }
+    ScopedAVInputContext input(raw);
+    EXPECT_GE(avformat_find_stream_info(input.get(), nullptr), 0);
+    int index = av_find_best_stream(input.get(), type, -1, -1, nullptr, 0);
+    if (index < 0) {
+        ADD_FAILURE() << "no stream of type " << type << " in " << path;
+        return frames;
+    }
+    AVStream* stream = input->streams[index];
+    const AVCodec* codec = avcodec_find_decoder(stream->codecpar->codec_id);
+    ScopedAVCodecContext ctx(avcodec_alloc_context3(codec));
+    avcodec_parameters_to_context(ctx.get(), stream->codecpar);
+    ctx->pkt_timebase = stream->time_base;
+    EXPECT_EQ(avcodec_open2(ctx.get(), codec, nullptr), 0);
+    ScopedAVPacket pkt = makeScopedAVPacket();
+    auto receive = [&]() {
+        for (;;) {
+            ScopedAVFrame frame = makeScopedAVFrame();
+            if (avcodec_receive_frame(ctx.get(), frame.get()) < 0) {
+                return;
+            }
+            if (static_cast<int>(frames.size()) < maxFrames) {
+                frames.push_back(std::move(frame));
+            }
+        }
+    };
+    while (static_cast<int>(frames.size()) < maxFrames && av_read_frame(input.get(), pkt.get()) >= 0) {
+        if (pkt->stream_index == index) {
+            avcodec_send_packet(ctx.get(), pkt.get());
+            receive();
+        }
+        av_packet_unref(pkt.get());
+    }
+    avcodec_send_packet(ctx.get(), nullptr);
+    receive();
+    return frames;
+}
+
+// The record a decoder hands out for a decoded video frame.
+inline FrameBuffer videoRecord(AVFrame* frame, int ptsMs) {
+    FrameBuffer record;
+    memset(&record, 0, sizeof(record));
+    record.type = 1;
+    record.data = frame;
+    record.frame = frame;
+    record.ptsMs = ptsMs;
+    record.durationMs = 33;
+    record.format = frame->format;
+    record.width = frame->width;
+    record.height = frame->height;
+    record.size = av_image_get_buffer_size(static_cast<AVPixelFormat>(frame->format), frame->width, frame->height, 1);
+    return record;
+}
+
+// The record a decoder hands out for a decoded audio frame.
+inline FrameBuffer audioRecord(AVFrame* frame, int ptsMs) {
+    FrameBuffer record;
+    memset(&record, 0, sizeof(record));
+    record.type = 1;
+    record.data = frame;
+    record.frame = frame;
+    record.ptsMs = ptsMs;
+    record.format = frame->format;
+    record.sampleRate = frame->sample_rate;
+    record.channels = frame->ch_layout.nb_channels;
+    record.nbSamples = frame->nb_samples;
+    record.size = frame->nb_samples * record.channels * av_get_bytes_per_sample(static_cast<AVSampleFormat>(frame->format));
+    return record;
+}
+
+// A planar 4:2:0 frame whose every byte depends on plane, row and column,
+// so any misplaced byte shows. Line sizes are FFmpeg's padded ones.
+inline ScopedAVFrame patternFrame(int width, int height, int seed) {
+    ScopedAVFrame frame = makeScopedAVFrame();
+    frame->format = AV_PIX_FMT_YUV420P;
+    frame->width = width;
+    frame->height = height;
+    EXPECT_EQ(av_frame_get_buffer(frame.get(), 0), 0);
+    for (int plane = 0; plane < 3; ++plane) {
+        int w = plane == 0 ? width : (width + 1) / 2;
+        int h = plane == 0 ? height : (height + 1) / 2;
+        for (int y = 0; y < h; ++y) {
+            for (int x = 0; x < w; ++x) {
+                frame->data[plane][y * frame->linesize[plane] + x] =
+                    static_cast<uint8_t>((x * 7 + y * 13 + plane * 71 + seed * 31) % 251);
+            }
+        }
+    }
+    return frame;
+}
+
+}  // namespace kavra::test

@@ -1,0 +1,454 @@
+// The video renderer: staging, pacing, the presentation thread's YV12 copy
+// into an in-memory window, format changes and the fatal window checks.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdlib>
+#include <functional>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern "C" {
+#include <libswscale/swscale.h>
+}
+
+#include "Platform/MemoryNativeWindow.h"
+#include "Render/RenderTestSupport.h"
+#include "Render/VideoRender.h"
+#include "support/FrameIndex.h"
+#include "support/LogCapture.h"
+
+// Holds the renderer's lock, standing in for a presentation thread that is
+// copying a picture.
+class VideoRenderTestPeer {
+public:
+    static NativeMutex& lock(VideoRender& render) { return render.mLock; }
+};
+
+namespace kavra::test {
+namespace {
+
+using Call = MemoryNativeWindow::Call;
+using Clock = std::chrono::steady_clock;
+
+constexpr int kWaitMs = 10000;
+
+long msSince(Clock::time_point start) {
+    return static_cast<long>(std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - start).count());
+}
+
+// The index drawn into a queued buffer's luma.
+int indexOf(const MemoryNativeWindow::QueuedBuffer& buffer, int width, int height) {
+    return frameIndexFromLuma(buffer.bytes.data(), buffer.stride, width, height);
+}
+
+// A copy of `src` scaled to another size or pixel format.
+ScopedAVFrame convertFrame(const AVFrame* src, int width, int height, AVPixelFormat format) {
+    ScopedAVFrame out = makeScopedAVFrame();
+    out->format = format;
+    out->width = width;
+    out->height = height;
+    EXPECT_EQ(av_frame_get_buffer(out.get(), 0), 0);
+    SwsContext* sws = sws_getContext(src->width, src->height, static_cast<AVPixelFormat>(src->format), width, height,
+                                     format, SWS_BILINEAR, nullptr, nullptr, nullptr);
+    EXPECT_NE(sws, nullptr);
+    sws_scale(sws, src->data, src->linesize, 0, src->height, out->data, out->linesize);
+    sws_freeContext(sws);
+    return out;
+}
+
+class VideoRenderTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        window = std::make_shared<MemoryNativeWindow>();
+        render.reset(new VideoRender());
+        render->setVideoPlayer(window, 0);
+    }
+
+    // Renders one frame (with a short delay, so it is never dropped) and
+    // waits until the window holds `expectedQueued` buffers.
+    void show(AVFrame* frame, uint64_t expectedQueued) {
+        FrameBuffer record = videoRecord(frame, 0);
+        ASSERT_EQ(render->renderFrame(&record, 1), 0);
+        ASSERT_TRUE(window->waitForQueued(expectedQueued, kWaitMs)) << "buffer " << expectedQueued << " not queued";
+    }
+
+    // Renders one frame and waits until the window shows its index. When
+    // the frame changes the format, the stopped presentation thread may
+    // first queue its last picture once more.
+    bool showIndexed(AVFrame* frame, int index) {
+        uint64_t before = window->queuedCount();
+        FrameBuffer record = videoRecord(frame, 0);
+        if (render->renderFrame(&record, 1) != 0) {
+            return false;
+        }
+        for (uint64_t k = 1; k <= 2; ++k) {
+            if (!window->waitForQueued(before + k, kWaitMs)) {
+                return false;
+            }
+            if (indexOf(window->kept(window->keptCount() - 1), frame->width, frame->height) == index) {
+                return true;
+            }
+        }
+        return false;
+    }
+
+    LogCapture log;
+    std::shared_ptr<MemoryNativeWindow> window;
+    std::unique_ptr<VideoRender> render;
+};
+
+struct LayoutCase {
+    int width;
+    int height;
+    int stride;  // 0: the window's default
+    int bufWidth;
+    int bufHeight;
+    int bufStride;
+    int chromaStride;
+    size_t vOffset;
+    size_t uOffset;
+};
+
+void PrintTo(const LayoutCase& c, std::ostream* os) {
+    *os << c.width << "x" << c.height << " stride " << c.bufStride;
+}
+
+class VideoRenderLayout : public VideoRenderTest, public ::testing::WithParamInterface<LayoutCase> {};
+
+TEST_P(VideoRenderLayout, CopiesEveryPlaneIntoTheYv12Layout) {
+    const LayoutCase& c = GetParam();
+    window->setStride(c.stride);
+    ScopedAVFrame frame = patternFrame(c.width, c.height, 3);
+    show(frame.get(), 1);
+
+    EXPECT_EQ(window->usage(), 0x2130u);
+    EXPECT_EQ(window->scalingMode(), NATIVE_WINDOW_SCALING_MODE_SCALE_CROP);
+    EXPECT_EQ(window->geometryWidth(), c.bufWidth);
+    EXPECT_EQ(window->geometryHeight(), c.bufHeight);
+    EXPECT_EQ(window->geometryFormat(), 0x32315659);
+    MemoryNativeWindow::QueuedBuffer buffer = window->kept(0);
+    ASSERT_EQ(buffer.stride, c.bufStride);
+    ASSERT_EQ(buffer.height, c.bufHeight);
+
+    const uint8_t* out = buffer.bytes.data();
+    int mismatches = 0;
+    for (int y = 0; y < c.height && mismatches < 5; ++y) {
+        for (int x = 0; x < c.width; ++x) {
+            if (out[static_cast<size_t>(y) * static_cast<size_t>(c.bufStride) + static_cast<size_t>(x)] !=
+                frame->data[0][y * frame->linesize[0] + x]) {
+                ADD_FAILURE() << "Y differs at " << x << "," << y;
+                ++mismatches;
+                break;
+            }
+        }
+    }
+    const int chromaRows = (c.height + 1) / 2;
+    const int chromaBytes = (c.width + 1) / 2;
+    for (int y = 0; y < chromaRows && mismatches < 5; ++y) {
+        for (int x = 0; x < chromaBytes; ++x) {
+            size_t at = static_cast<size_t>(y) * static_cast<size_t>(c.chromaStride) + static_cast<size_t>(x);
+            if (out[c.uOffset + at] != frame->data[1][y * frame->linesize[1] + x] ||
+                out[c.vOffset + at] != frame->data[2][y * frame->linesize[2] + x]) {
+                ADD_FAILURE() << "chroma differs at " << x << "," << y;
+                ++mismatches;
+                break;
+            }
+        }
+    }
+    EXPECT_EQ(mismatches, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Strides, VideoRenderLayout,
+    ::testing::Values(LayoutCase{1920, 1080, 1920, 1920, 1080, 1920, 960, 2073600, 2073600 + 518400},
+                      LayoutCase{1280, 720, 1344, 1280, 720, 1344, 672, 967680, 967680 + 241920},
+                      LayoutCase{1280, 720, 1300, 1280, 720, 1300, 656, 936000, 936000 + 236160},
+                      // Odd size: buffers 322 x 242, default stride 336.
+                      LayoutCase{321, 241, 0, 322, 242, 336, 176, 81312, 81312 + 21296}),
+    [](const ::testing::TestParamInfo<LayoutCase>& info) {
+        return std::to_string(info.param.width) + "x" + std::to_string(info.param.height) + "Stride" +
+               std::to_string(info.param.bufStride);
+    });
+
+class VideoRenderFixture : public VideoRenderTest, public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(VideoRenderFixture, ShowsDecodedFramesInOrder) {
+    std::vector<ScopedAVFrame> frames = decodeFrames(fixture(GetParam()), AVMEDIA_TYPE_VIDEO, 40);
+    ASSERT_EQ(frames.size(), 40u);
+    for (size_t i = 0; i < frames.size(); ++i) {
+        show(frames[i].get(), i + 1);
+    }
+    for (size_t i = 0; i < frames.size(); ++i) {
+        MemoryNativeWindow::QueuedBuffer buffer = window->kept(i);
+        EXPECT_EQ(indexOf(buffer, frames[i]->width, frames[i]->height), static_cast<int>(i)) << "buffer " << i;
+    }
+    EXPECT_EQ(render->getDroppedFrames(), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Media, VideoRenderFixture, ::testing::Values("h264_aac.mp4", "odd_size.mp4"),
+                         [](const ::testing::TestParamInfo<const char*>& info) {
+                             return std::string(info.param).substr(0, std::string(info.param).find('.'));
+                         });
+
+TEST_F(VideoRenderTest, ConvertsOtherPixelFormatsToPlanar420) {
+    std::vector<ScopedAVFrame> frames = decodeFrames(fixture("h264_aac.mp4"), AVMEDIA_TYPE_VIDEO, 3);
+    ASSERT_EQ(frames.size(), 3u);
+    for (AVPixelFormat format : {AV_PIX_FMT_NV12, AV_PIX_FMT_RGBA}) {
+        for (int i = 0; i < 3; ++i) {
+            ScopedAVFrame converted = convertFrame(frames[i].get(), 320, 240, format);
+            EXPECT_TRUE(showIndexed(converted.get(), i)) << av_get_pix_fmt_name(format) << " frame " << i;
+        }
+    }
+}
+
+TEST_F(VideoRenderTest, TurnsBuffersByTheStreamRotation) {
+    struct Case {
+        int rotation;
+        int transform;
+    };
+    for (Case c : {Case{0, 0}, Case{90, 4}, Case{180, 3}, Case{270, 7}, Case{45, 0}, Case{-90, 0}}) {
+        auto turned = std::make_shared<MemoryNativeWindow>();
+        render->setVideoPlayer(turned, c.rotation);
+        ScopedAVFrame frame = patternFrame(64, 48, c.rotation);
+        FrameBuffer record = videoRecord(frame.get(), 0);
+        ASSERT_EQ(render->renderFrame(&record, 1), 0);
+        ASSERT_TRUE(turned->waitForQueued(1, kWaitMs));
+        EXPECT_EQ(turned->transform(), c.transform) << "rotation " << c.rotation;
+        EXPECT_EQ(turned->kept(0).transform, c.transform) << "rotation " << c.rotation;
+        EXPECT_EQ(VideoRender::transformFor(c.rotation), c.transform);
+    }
+    EXPECT_FALSE(window->isConnected()) << "the first window was disconnected when replaced";
+}
+
+TEST_F(VideoRenderTest, DropsALateFrameWhileThePresentationThreadHoldsTheLock) {
+    std::vector<ScopedAVFrame> frames = decodeFrames(fixture("h264_aac.mp4"), AVMEDIA_TYPE_VIDEO, 3);
+    ASSERT_EQ(frames.size(), 3u);
+    show(frames[0].get(), 1);
+
+    FrameBuffer late = videoRecord(frames[1].get(), 0);
+    VideoRenderTestPeer::lock(*render).lock();
+    Clock::time_point start = Clock::now();
+    EXPECT_EQ(render->renderFrame(&late, 0), -1);
+    EXPECT_LT(msSince(start), 1000) << "a late frame never waits for the lock";
+    EXPECT_EQ(render->getDroppedFrames(), 1);
+
+    // A frame with a delay waits for the lock instead.
+    FrameBuffer due = videoRecord(frames[2].get(), 0);
+    std::future<int> waiting = std::async(std::launch::async, [&] { return render->renderFrame(&due, 30); });
+    EXPECT_EQ(waiting.wait_for(std::chrono::milliseconds(200)), std::future_status::timeout);
+    VideoRenderTestPeer::lock(*render).unlock();
+    EXPECT_EQ(waiting.get(), 0);
+    ASSERT_TRUE(window->waitForQueued(2, kWaitMs));
+    EXPECT_EQ(indexOf(window->kept(1), 320, 240), 2) << "the dropped frame was never shown";
+    EXPECT_EQ(render->getDroppedFrames(), 1);
+}
+
+TEST_F(VideoRenderTest, WaitsForADueFrameUnlessFlushed) {
+    ScopedAVFrame frame = patternFrame(64, 48, 0);
+    FrameBuffer record = videoRecord(frame.get(), 0);
+    show(frame.get(), 1);
+
+    Clock::time_point start = Clock::now();
+    ASSERT_EQ(render->renderFrame(&record, 120), 0);
+    EXPECT_GE(msSince(start), 110) << "the producer is held until the frame is due";
+
+    std::atomic<bool> done{false};
+    start = Clock::now();
+    std::thread producer([&] {
+        render->renderFrame(&record, 5000);
+        done = true;
+    });
+    // A flush ends the wait early; it may have to be repeated until the
+    // producer is actually waiting.
+    while (!done && msSince(start) < kWaitMs) {
+        render->flush();
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    producer.join();
+    EXPECT_LT(msSince(start), 4000) << "flush did not cut the wait short";
+}
+
+TEST_F(VideoRenderTest, RestartsThePresentationThreadOnEverySizeChange) {
+    std::vector<ScopedAVFrame> frames = decodeFrames(fixture("h264_aac.mp4"), AVMEDIA_TYPE_VIDEO, 12);
+    ASSERT_EQ(frames.size(), 12u);
+    auto widthOf = [](int i) { return i < 3 ? 320 : i < 6 ? 160 : i < 9 ? 320 : 240; };
+    for (int i = 0; i < 12; ++i) {
+        // Sizes: 320x240, then 160x120, then 320x240, then 240x180.
+        ScopedAVFrame scaled = convertFrame(frames[i].get(), widthOf(i), widthOf(i) * 3 / 4, AV_PIX_FMT_YUV420P);
+        ASSERT_TRUE(showIndexed(scaled.get(), i)) << "frame " << i;
+    }
+    // Every frame once, in order, at its own size; a stopped thread may
+    // show its last picture once more before the next size starts.
+    int expected = 0;
+    for (size_t b = 0; b < window->keptCount(); ++b) {
+        MemoryNativeWindow::QueuedBuffer buffer = window->kept(b);
+        int index = indexOf(buffer, buffer.width, buffer.height);
+        if (expected > 0 && index == expected - 1 && widthOf(expected) != widthOf(expected - 1)) {
+            EXPECT_EQ(buffer.width, widthOf(index)) << "buffer " << b;
+            continue;
+        }
+        EXPECT_EQ(index, expected) << "buffer " << b;
+        EXPECT_EQ(buffer.width, widthOf(expected)) << "buffer " << b;
+        EXPECT_EQ(buffer.height, widthOf(expected) * 3 / 4) << "buffer " << b;
+        ++expected;
+    }
+    EXPECT_EQ(expected, 12);
+    EXPECT_EQ(log.count("VideoRender", "onRender thread finish."), 3) << "one thread ended per change";
+    render.reset();
+    EXPECT_EQ(log.count("VideoRender", "onRender thread finish."), 4);
+}
+
+TEST_F(VideoRenderTest, ANewWindowIsConfiguredByTheNextFrame) {
+    ScopedAVFrame frame = patternFrame(64, 48, 1);
+    show(frame.get(), 1);
+    auto second = std::make_shared<MemoryNativeWindow>();
+    render->setVideoPlayer(second, 90);
+    EXPECT_FALSE(window->isConnected());
+    EXPECT_TRUE(second->isConnected());
+    EXPECT_EQ(second->connectedApi(), NATIVE_WINDOW_API_MEDIA);
+    FrameBuffer record = videoRecord(frame.get(), 0);
+    ASSERT_EQ(render->renderFrame(&record, 1), 0);
+    ASSERT_TRUE(second->waitForQueued(1, kWaitMs));
+    EXPECT_EQ(second->kept(0).transform, HAL_TRANSFORM_ROT_90);
+    EXPECT_EQ(second->kept(0).width, 64);
+}
+
+TEST_F(VideoRenderTest, EndsThePresentationThreadWhenTheWindowFailsToDequeueOrQueue) {
+    ScopedAVFrame frame = patternFrame(64, 48, 1);
+    FrameBuffer record = videoRecord(frame.get(), 0);
+    window->failCall(Call::Dequeue, -12);
+    ASSERT_EQ(render->renderFrame(&record, 1), 0);
+    EXPECT_TRUE(log.waitFor("VideoRender", "onRender thread finish.", kWaitMs));
+    EXPECT_TRUE(log.contains("VideoRender", "renderYUV->native_window_dequeue_buffer_and_wait error:-12"));
+    // The producer goes on converting frames that are no longer shown.
+    EXPECT_EQ(render->renderFrame(&record, 1), 0);
+    EXPECT_EQ(window->queuedCount(), 0u);
+
+    auto other = std::make_shared<MemoryNativeWindow>();
+    render->setVideoPlayer(other, 0);
+    other->failCall(Call::Queue, -32);
+    log.clear();
+    ASSERT_EQ(render->renderFrame(&record, 1), 0);
+    EXPECT_TRUE(log.waitFor("VideoRender", "onRender thread finish.", kWaitMs));
+    EXPECT_TRUE(log.contains("VideoRender", "renderYUV->queueBuffer error:-32"));
+}
+
+// The assertion text for a failed window call.
+std::string checkMessage(int line, const std::string& expression, int result) {
+    return "jni/mediaplayer/KavraMedia/Render/VideoRender:" + std::to_string(line) + " CHECK_EQ( 0," + expression +
+           ") failed: 0 vs. " + std::to_string(result);
+}
+
+const char* const kDisconnect = "native_window_api_disconnect(mNativeWindow.get(), NATIVE_WINDOW_API_MEDIA)";
+
+struct CheckCase {
+    Call call;
+    int line;
+    const char* expression;
+};
+
+void PrintTo(const CheckCase& c, std::ostream* os) { *os << "line " << c.line; }
+
+class VideoRenderCheck : public VideoRenderTest, public ::testing::WithParamInterface<CheckCase> {};
+
+// Calls made on the producer's side: the assertion reaches the caller.
+TEST_P(VideoRenderCheck, FailsWithTheCallsMessage) {
+    const CheckCase& c = GetParam();
+    const int result = -22 - c.line;
+    auto fresh = std::make_shared<MemoryNativeWindow>();
+    fresh->failCall(c.call, result);
+    ScopedAVFrame frame = patternFrame(32, 32, 0);
+    FrameBuffer record = videoRecord(frame.get(), 0);
+    std::string message;
+    try {
+        render->setVideoPlayer(fresh, 0);
+        render->renderFrame(&record, 1);
+    } catch (const LogAssertion& assertion) {
+        message = assertion.message;
+    }
+    EXPECT_EQ(message, checkMessage(c.line, c.expression, result));
+    EXPECT_TRUE(log.contains("VideoRender", message)) << "the message is logged before the process ends";
+    // The process would have ended here. For the fixture to tear down, the
+    // window that failed to connect is connected by hand, so that the
+    // renderer's own disconnect succeeds.
+    if (!fresh->isConnected()) {
+        fresh->apiConnect(NATIVE_WINDOW_API_MEDIA);
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    WindowCalls, VideoRenderCheck,
+    ::testing::Values(
+        CheckCase{Call::Connect, 64, "native_window_api_connect(mNativeWindow.get(), NATIVE_WINDOW_API_MEDIA)"},
+        CheckCase{Call::SetUsage, 123,
+                  "native_window_set_usage(mNativeWindow.get(), GRALLOC_USAGE_SW_READ_NEVER | "
+                  "GRALLOC_USAGE_SW_WRITE_OFTEN | GRALLOC_USAGE_HW_TEXTURE | GRALLOC_USAGE_EXTERNAL_DISP)"},
+        CheckCase{Call::SetScalingMode, 126,
+                  "native_window_set_scaling_mode(mNativeWindow.get(), NATIVE_WINDOW_SCALING_MODE_SCALE_CROP)"},
+        CheckCase{Call::SetTransform, 147, "native_window_set_buffers_transform(mNativeWindow.get(), transform)"},
+        CheckCase{Call::SetGeometry, 150,
+                  "native_window_set_buffers_geometry(mNativeWindow.get(), bufWidth, bufHeight, halFormat)"}),
+    [](const ::testing::TestParamInfo<CheckCase>& info) { return "Line" + std::to_string(info.param.line); });
+
+TEST_F(VideoRenderTest, FailsWhenTheOldWindowDoesNotDisconnect) {
+    window->failCall(Call::Disconnect, -19);
+    std::string message;
+    try {
+        render->setVideoPlayer(std::make_shared<MemoryNativeWindow>(), 0);
+    } catch (const LogAssertion& assertion) {
+        message = assertion.message;
+    }
+    EXPECT_EQ(message, checkMessage(56, kDisconnect, -19));
+}
+
+// Calls made on the presentation thread: the assertion ends that thread.
+TEST_F(VideoRenderTest, FailsOnThePresentationThreadWhenMappingFails) {
+    log.endEngineThreadsOnAssertion(true);
+    ScopedAVFrame frame = patternFrame(32, 32, 0);
+    FrameBuffer record = videoRecord(frame.get(), 0);
+
+    window->failCall(Call::Lock, -5);
+    ASSERT_EQ(render->renderFrame(&record, 1), 0);
+    ASSERT_TRUE(log.waitForEndedThreads(1, kWaitMs));
+    EXPECT_EQ(log.endedThreadAssertions()[0],
+              checkMessage(178,
+                           "mapper.lock(nativeWindowBuffer->handle, GRALLOC_USAGE_SW_WRITE_OFTEN, bounds, (void**) "
+                           "&pDstBuffer)",
+                           -5));
+
+    auto other = std::make_shared<MemoryNativeWindow>();
+    render->setVideoPlayer(other, 0);
+    other->failCall(Call::Unlock, -6);
+    ASSERT_EQ(render->renderFrame(&record, 1), 0);
+    ASSERT_TRUE(log.waitForEndedThreads(2, kWaitMs));
+    EXPECT_EQ(log.endedThreadAssertions()[1], checkMessage(211, "mapper.unlock(nativeWindowBuffer->handle)", -6));
+    EXPECT_EQ(other->queuedCount(), 0u);
+}
+
+// The destructor's check cannot be caught (a destructor must not throw), so
+// it is observed as what it is: the end of the process, with the message.
+TEST(VideoRenderDeathTest, FailsWhenTheWindowDoesNotDisconnectOnDestruction) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_DEATH(
+        {
+            setenv("KAVRA_TEST_LOG", "1", 1);
+            auto window = std::make_shared<MemoryNativeWindow>();
+            VideoRender render;
+            render.setVideoPlayer(window, 0);
+            window->failCall(Call::Disconnect, -19);
+        },
+        "VideoRender: jni/mediaplayer/KavraMedia/Render/VideoRender:45 CHECK_EQ\\( "
+        "0,native_window_api_disconnect\\(mNativeWindow\\.get\\(\\), NATIVE_WINDOW_API_MEDIA\\)\\) failed: 0 vs\\. "
+        "-19");
+}
+
+}  // namespace
+}  // namespace kavra::test
