@@ -27,7 +27,25 @@ class TrimProgressListener;
 // Times are microseconds measured from the first video timestamp of the
 // input. The output's first frame is the first input frame at or after the
 // start; mode 0 runs through the last frame at or before the end, mode 1
-// resumes with the first frame at or after the end.
+// resumes with the first frame at or after the end. Cut points are found
+// from the packets' own timestamps (read around each cut before the trim),
+// never from an integer frame-rate estimate, so non-integer rates such as
+// 30000/1001 cut exactly. Frames are chosen by their presentation time, so
+// inputs with B-frames (whose packets come in decoding order) cut exactly
+// too. The output frame rate is the input's (av_guess_frame_rate), each
+// timestamp computed from the frame count so that rounding never adds up.
+//
+// Audio packets are kept when they start within the span of the video kept
+// (from its first frame to the end of its last), so audio and video end
+// within one audio packet of each other; priming packets that the container
+// marks for discarding are dropped.
+//
+// Copied and encoded MPEG-4 packets share one stream. Their configuration
+// headers (video object layer: time resolution, resync markers, ...) are
+// compared without the encoder-identification user data; when they differ,
+// the container carries the input's header (copied packets stay unchanged)
+// and the first packet of every run of encoded packets, and of every run of
+// copied packets that follows encoded ones, starts with its own header.
 //
 // Order of use: constructor, setJNIListener (optional), setTrimParam,
 // prepare, startTrim, release. Everything runs on the caller's thread.
