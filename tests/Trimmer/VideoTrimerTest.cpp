@@ -153,6 +153,49 @@ INSTANTIATE_TEST_SUITE_P(Fixtures, TrimEveryInput,
                          inputName);
 
 // ---------------------------------------------------------------------------
+// Ranges that touch the ends of the file.
+
+struct EdgeRange {
+    const char* name;
+    const char* file;
+    int mode;
+    int startMs;
+    int endMs;
+    int firstKept[2];   // frame ranges kept, {-1, -1} for none
+    int secondKept[2];
+};
+
+class TrimEdgeRange : public ::testing::TestWithParam<EdgeRange> {};
+
+TEST_P(TrimEdgeRange, KeepsExactlyTheFramesOutsideOrInsideTheRange) {
+    const EdgeRange& e = GetParam();
+    ScratchDir dir;
+    std::string out = dir.file("edge.mp4");
+    TrimRun r = trim(fixture(e.file), out, e.startMs, e.endMs, e.mode);
+    ASSERT_EQ(r.trimmed, 0);
+    EXPECT_EQ(ffmpegDecodeComplaints(out), "");
+    std::vector<int> expected = run(e.firstKept[0], e.firstKept[1]);
+    if (e.secondKept[0] >= 0) {
+        expected = concat(expected, run(e.secondKept[0], e.secondKept[1]));
+    }
+    MediaReport m = inspectMedia(out);
+    EXPECT_EQ(m.frames, expected);
+    expectAudioMatchesVideo(m);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Ends, TrimEdgeRange,
+    ::testing::Values(EdgeRange{"keep_past_the_end_h264", "h264_aac.mp4", 0, 9000, 20000, {270, 299}, {-1, -1}},
+                      EdgeRange{"keep_past_the_end_mpeg4", "mpeg4.mp4", 0, 9010, 20000, {271, 299}, {-1, -1}},
+                      EdgeRange{"keep_from_zero_mpeg4", "mpeg4.mp4", 0, 0, 1990, {0, 59}, {-1, -1}},
+                      EdgeRange{"cut_the_head_h264", "h264_aac.mp4", 1, 0, 2000, {60, 299}, {-1, -1}},
+                      EdgeRange{"cut_the_head_mpeg4", "mpeg4.mp4", 1, 0, 2010, {61, 299}, {-1, -1}},
+                      EdgeRange{"cut_the_tail_h264", "h264_aac.mp4", 1, 8000, 20000, {0, 239}, {-1, -1}},
+                      EdgeRange{"cut_the_tail_mpeg4", "mpeg4.mp4", 1, 8010, 20000, {0, 240}, {-1, -1}},
+                      EdgeRange{"cut_one_frame_mpeg4", "mpeg4.mp4", 1, 1990, 2010, {0, 59}, {61, 299}}),
+    [](const ::testing::TestParamInfo<EdgeRange>& info) { return std::string(info.param.name); });
+
+// ---------------------------------------------------------------------------
 // Copying MPEG-4 Part 2 packets.
 
 std::vector<Packet> inputVideoPackets(const std::string& path) { return inspectMedia(path, false).videoPackets; }
