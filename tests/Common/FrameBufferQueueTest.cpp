@@ -286,14 +286,20 @@ TEST(FrameBufferQueueWaits, SizeCorrectionsWakeAWaiter) {
     FrameBufferQueue q;
     ASSERT_EQ(q.create(4, 4), 0);
     q.start();
-    auto consumer = std::async(std::launch::async, [&] { return q.dequeueOutputBufferIndex(-1); });
+    // The consumer releases on its own thread: it holds the output lock.
+    auto consumer = std::async(std::launch::async, [&] {
+        int index = q.dequeueOutputBufferIndex(-1);
+        if (index >= 0) {
+            q.releaseOutputBuffer();
+        }
+        return index;
+    });
     EXPECT_EQ(consumer.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
     q.opetationSize('x', 5);
     EXPECT_EQ(q.getSize(), 0);
     q.opetationSize('+', 2);
     ASSERT_EQ(consumer.wait_for(std::chrono::seconds(5)), std::future_status::ready);
     EXPECT_EQ(consumer.get(), 0);
-    q.releaseOutputBuffer();
     EXPECT_EQ(q.getSize(), 1);
     q.opetationSize('=', 3);
     EXPECT_EQ(q.getSize(), 3);

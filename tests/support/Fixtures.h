@@ -10,8 +10,8 @@ namespace kavra::test {
 //   h264_aac_rot90.mp4  the same with a 90 degree display rotation
 //   audio_only.m4a, video_only.mp4, with_subtitle.mp4 (mov_text as #2),
 //   two_audio.mp4 (440 Hz #1, 880 Hz #2), mpeg4.mp4 (no B-frames),
-//   mpeg4_bframes.mp4, hevc.mp4, vp9.webm, odd_size.mp4 (321x241),
-//   late_start.ts (starts near 1.4 s), bad_rotate.mkv ("rotate"="abc"),
+//   mpeg4_bframes.mp4, hevc.mp4, vp9.webm, odd_size.mp4 (MPEG-4, 321x241),
+//   late_start.ts (starts near 1.4 s), bad_rotate.mkv (tag ROTATE=abc),
 //   truncated.mp4, truncated_nomoov.mp4, random.bin
 // Every video frame shows its index in binary (see FrameIndex.h).
 inline std::string fixtureDir() { return KAVRA_FIXTURE_DIR; }

@@ -1,0 +1,117 @@
+// kavra probe: its JSON against ffprobe, and its one-line errors.
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+#include "support/Ffprobe.h"
+#include "support/Fixtures.h"
+#include "support/Process.h"
+
+namespace kavra::test {
+namespace {
+
+CommandResult probe(const std::string& args) { return runCommand(shellQuote(kavraTool()) + " probe " + args + " 2>&1"); }
+
+// The text of a JSON value that follows `"key": ` in `object` (numbers and
+// null as written, strings without their quotes). The tool prints flat
+// objects, so a plain scan is enough.
+std::string valueAfter(const std::string& object, const std::string& key) {
+    const std::string marker = "\"" + key + "\": ";
+    size_t pos = object.find(marker);
+    if (pos == std::string::npos) {
+        return "";
+    }
+    pos += marker.size();
+    if (object[pos] == '"') {
+        size_t end = object.find('"', pos + 1);
+        return object.substr(pos + 1, end - pos - 1);
+    }
+    size_t end = object.find_first_of(",}]", pos);
+    return object.substr(pos, end - pos);
+}
+
+// The value of "key" in the n-th stream object of the tool's JSON.
+std::string streamField(const std::string& json, int n, const std::string& key) {
+    size_t pos = json.find("\"streams\"");
+    for (int i = 0; i <= n && pos != std::string::npos; ++i) {
+        pos = json.find('{', pos + 1);
+    }
+    if (pos == std::string::npos) {
+        return "";
+    }
+    return valueAfter(json.substr(pos, json.find('}', pos) - pos), key);
+}
+
+std::string topField(const std::string& json, const std::string& key) {
+    return valueAfter(json.substr(0, json.find("\"streams\"")), key);
+}
+
+class ProbeJson : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(ProbeJson, AgreesWithFfprobe) {
+    const std::string path = fixture(GetParam());
+    Ffprobe expected(path);
+    CommandResult r = probe("--json " + shellQuote(path));
+    ASSERT_EQ(r.status, 0) << r.output;
+    const std::string& json = r.output;
+    EXPECT_EQ(topField(json, "format"), expected.get("format.format_long_name"));
+    EXPECT_NEAR(std::stoi(topField(json, "duration_ms")), expected.number("format.duration") * 1000, 1.0);
+    for (int i = 0; i < expected.streamCount(); ++i) {
+        SCOPED_TRACE(i);
+        std::string type = expected.stream(i, "codec_type");
+        EXPECT_EQ(streamField(json, i, "index"), std::to_string(i));
+        EXPECT_EQ(streamField(json, i, "type"), type == "video" || type == "audio" ? type : "other");
+        EXPECT_EQ(streamField(json, i, "codec"), expected.stream(i, "codec_name"));
+        if (type == "video") {
+            EXPECT_EQ(streamField(json, i, "width"), expected.stream(i, "width"));
+            EXPECT_EQ(streamField(json, i, "height"), expected.stream(i, "height"));
+            int num = 0, den = 1;
+            sscanf(expected.stream(i, "avg_frame_rate").c_str(), "%d/%d", &num, &den);
+            EXPECT_NEAR(std::stod(streamField(json, i, "fps")), den ? static_cast<double>(num) / den : 0, 0.01);
+        } else if (type == "audio") {
+            EXPECT_EQ(streamField(json, i, "sample_rate"), expected.stream(i, "sample_rate"));
+            EXPECT_EQ(streamField(json, i, "channels"), expected.stream(i, "channels"));
+            EXPECT_EQ(streamField(json, i, "width"), "null");
+        }
+        if (expected.has("streams.stream." + std::to_string(i) + ".start_time")) {
+            EXPECT_NEAR(std::stoi(streamField(json, i, "start_ms")), expected.streamNumber(i, "start_time") * 1000, 1.0);
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Fixtures, ProbeJson,
+                         ::testing::Values("h264_aac.mp4", "with_subtitle.mp4", "audio_only.m4a", "late_start.ts",
+                                           "vp9.webm"),
+                         [](const ::testing::TestParamInfo<const char*>& p) {
+                             std::string name = p.param;
+                             for (char& c : name) {
+                                 if (!isalnum(static_cast<unsigned char>(c))) c = '_';
+                             }
+                             return name;
+                         });
+
+TEST(ProbeText, NamesTheRotationAndTheChosenStreams) {
+    CommandResult r = probe(shellQuote(fixture("h264_aac_rot90.mp4")));
+    ASSERT_EQ(r.status, 0) << r.output;
+    EXPECT_NE(r.output.find("rotation 90"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("best video: #0"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("best audio: #1"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("300 frames"), std::string::npos) << r.output;
+}
+
+TEST(ProbeErrors, BadFilesGiveOneLineNamingTheFile) {
+    for (const std::string& path : {fixture("does_not_exist.mp4"), fixture("random.bin"),
+                                    fixture("truncated_nomoov.mp4"), fixtureDir()}) {
+        SCOPED_TRACE(path);
+        CommandResult r = probe(shellQuote(path));
+        EXPECT_EQ(r.status, 1);
+        EXPECT_EQ(std::count(r.output.begin(), r.output.end(), '\n'), 1) << r.output;
+        EXPECT_NE(r.output.find(path), std::string::npos) << r.output;
+    }
+    CommandResult noArgs = probe("");
+    EXPECT_EQ(noArgs.status, 1);
+}
+
+}  // namespace
+}  // namespace kavra::test

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <map>
+#include <string>
+
+namespace kavra::test {
+
+// What the ffprobe tool reports for a file, as its "flat" output: keys such
+// as "format.duration" or "streams.stream.0.codec_type" mapped to values
+// with their quotes removed. Extra ffprobe arguments may add entries (e.g.
+// "-count_frames" gives "streams.stream.N.nb_read_frames").
+class Ffprobe {
+public:
+    explicit Ffprobe(const std::string& path, const std::string& extraArgs = "");
+
+    bool ok() const { return mOk; }
+    bool has(const std::string& key) const;
+    std::string get(const std::string& key) const;
+    // "N/A" and missing keys read as `fallback`.
+    double number(const std::string& key, double fallback = 0) const;
+    std::string stream(int index, const std::string& field) const;
+    double streamNumber(int index, const std::string& field, double fallback = 0) const;
+    int streamCount() const;
+
+private:
+    std::map<std::string, std::string> mValues;
+    bool mOk;
+};
+
+}  // namespace kavra::test
