@@ -285,6 +285,31 @@ TEST(TrimMpeg4Copy, CutEndingOnKeyFrameCopiesBothSidesUnchanged) {
     }
 }
 
+// An MPEG-4 input configured like the trimmer's own encoder (several slice
+// threads, so resync markers; 30 ticks a second): one header in the
+// container serves both kinds of packets, and nothing is put in front of the
+// copied ones.
+TEST(TrimMpeg4Copy, InputConfiguredLikeTheEncoderIsCopiedWithoutExtraHeaders) {
+    ScratchDir dir;
+    std::string in = dir.file("like_encoder.mp4");
+    ASSERT_TRUE(runTool("ffmpeg -nostdin -v error -y -i " + shellQuote(fixture("mpeg4.mp4")) +
+                        " -map 0 -c:v mpeg4 -threads 6 -q:v 3 -g 30 -bf 0 -c:a copy " + shellQuote(in)));
+    std::string out = dir.file("joined.mp4");
+    LogCapture log;
+    TrimRun r = trim(in, out, 1100, 3500, 0);
+    ASSERT_EQ(r.trimmed, 0);
+    EXPECT_TRUE(log.contains(kTag, "video packets copied where possible, headers in the container"));
+    EXPECT_EQ(r.encoded, 27);
+    EXPECT_EQ(ffmpegDecodeComplaints(out), "");
+    MediaReport m = inspectMedia(out);
+    EXPECT_EQ(m.frames, run(33, 105));
+    std::vector<Packet> copiedSource = framesOf(inputVideoPackets(in), 60, 105);
+    ASSERT_EQ(m.videoPackets.size(), 27 + copiedSource.size());
+    for (size_t i = 0; i < copiedSource.size(); ++i) {
+        EXPECT_EQ(m.videoPackets[27 + i].data, copiedSource[i].data) << "frame " << 60 + i;
+    }
+}
+
 // An MPEG-4 input whose configuration does not match the encoder's (time
 // resolution 30000 against 30) at a non-integer frame rate: the joined
 // stream must still decode without the decoder having to guess, and the
