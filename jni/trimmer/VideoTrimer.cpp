@@ -122,6 +122,7 @@ VideoTrimer::VideoTrimer(const char* inputPath, const char* outputPath)
       mVideoFramesCopied(0),
       mVideoFramesEncoded(0),
       mAudioPacketsWritten(0),
+      mAudioWrittenUs(0),
       mProgressTotalUs(0),
       mProgressDoneUs(0),
       mProgressPassUs(0),
@@ -962,8 +963,14 @@ int VideoTrimer::writeAudioPacket(AVPacket* packet) {
     }
     ALOGV("audio write dricetly success");
     mNextAudioPts += duration;
+    mAudioWrittenUs = av_rescale_q(mNextAudioPts, inTb, kMicroseconds);
     ++mAudioPacketsWritten;
     return ret;
+}
+
+int64_t VideoTrimer::outputDurationUs() const {
+    int64_t video = av_rescale_q(mVideoFramesWritten, av_inv_q(mFrameRate), kMicroseconds);
+    return std::max(video, mAudioWrittenUs);
 }
 
 void VideoTrimer::startProgress(int64_t totalUs) {

@@ -100,6 +100,9 @@ public:
     int64_t videoFramesCopied() const { return mVideoFramesCopied; }
     int64_t videoFramesEncoded() const { return mVideoFramesEncoded; }
     int64_t audioPacketsWritten() const { return mAudioPacketsWritten; }
+    // Length of what startTrim wrote (the longer of video and audio), in
+    // microseconds.
+    int64_t outputDurationUs() const;
 
 private:
     // Which configuration header the copied and the encoded video packets
@@ -209,6 +212,7 @@ private:
     int64_t mVideoFramesCopied;
     int64_t mVideoFramesEncoded;
     int64_t mAudioPacketsWritten;
+    int64_t mAudioWrittenUs;
 
     int64_t mProgressTotalUs;
     int64_t mProgressDoneUs;  // spans of finished passes

@@ -120,19 +120,6 @@ bool probeInput(const std::string& path, InputFacts* facts, std::string* error) 
     return true;
 }
 
-long long outputDurationMs(const std::string& path) {
-    AVFormatContext* ctx = nullptr;
-    if (avformat_open_input(&ctx, path.c_str(), nullptr, nullptr) < 0) {
-        return -1;
-    }
-    long long ms = -1;
-    if (avformat_find_stream_info(ctx, nullptr) >= 0 && ctx->duration != AV_NOPTS_VALUE) {
-        ms = ctx->duration / 1000;
-    }
-    avformat_close_input(&ctx);
-    return ms;
-}
-
 std::string prepareError(int code) {
     switch (code) {
     case -1: return "cannot open the input";
@@ -205,6 +192,7 @@ int runTrim(const std::vector<std::string>& args) {
     int64_t encoded = 0;
     int64_t audio = 0;
     bool copies = false;
+    long long outMs = 0;
     {
         tool::Progress progress(cut ? "cutting" : "trimming");
         ProgressLine listener(&progress);
@@ -224,14 +212,11 @@ int runTrim(const std::vector<std::string>& args) {
         copied = trimer.videoFramesCopied();
         encoded = trimer.videoFramesEncoded();
         audio = trimer.audioPacketsWritten();
+        outMs = trimer.outputDurationUs() / 1000;
         trimer.release();
     }
     if (copied + encoded == 0) {
         return tool::fail("trim", "no video frame in the result");
-    }
-    long long outMs = outputDurationMs(temp.path());
-    if (outMs < 0) {
-        return tool::fail(output, "the result cannot be read back");
     }
     if (!temp.commit(output, &error)) {
         return tool::fail(output, error);
