@@ -40,6 +40,21 @@ int64_t packetOrder(const AVPacket* p) { return p->dts != kNoTime ? p->dts : p->
 
 bool isKey(const AVPacket* p) { return (p->flags & AV_PKT_FLAG_KEY) != 0; }
 
+// a + b, held at the int64 limits (times given from Java may be anything).
+int64_t addSaturated(int64_t a, int64_t b) {
+    int64_t sum;
+    if (__builtin_add_overflow(a, b, &sum)) {
+        return b > 0 ? INT64_MAX : INT64_MIN;
+    }
+    return sum;
+}
+
+// A time in microseconds as stream ticks, rounded as asked and held at the
+// int64 limits.
+int64_t usToTicks(int64_t us, AVRational tb, int rounding) {
+    return av_rescale_q_rnd(us, kMicroseconds, tb, static_cast<AVRounding>(rounding | AV_ROUND_PASS_MINMAX));
+}
+
 // A configuration header (visual object sequence, visual object or video
 // object layer) at the start of an MPEG-4 Part 2 packet.
 bool startsWithConfiguration(const uint8_t* data, int size) {
@@ -148,7 +163,7 @@ void VideoTrimer::notifyEvent(int msg, int ext1, int ext2) {
 }
 
 void VideoTrimer::setTrimParam(int64_t start, int64_t end) {
-    float seconds = static_cast<float>(end - start) / 1000000.0f;
+    float seconds = static_cast<float>((static_cast<double>(end) - static_cast<double>(start)) / 1000000.0);
     ALOGV("setTrimParam %lld,%lld  duration:%f", static_cast<long long>(start), static_cast<long long>(end),
           static_cast<double>(seconds));
     mStartTime = start;
@@ -501,10 +516,8 @@ int VideoTrimer::startTrim(int mode) {
     // tick (a frame at or after it is the first kept), the end down (a frame
     // at or before it is the last kept).
     mOrigin = inVideo->start_time != kNoTime ? inVideo->start_time : 0;
-    mVideoStartPTS = mOrigin + av_rescale_q_rnd(mStartTime, kMicroseconds, vtb,
-                                                static_cast<AVRounding>(AV_ROUND_UP | AV_ROUND_PASS_MINMAX));
-    mVideoStopPTS = mOrigin + av_rescale_q_rnd(mEndTime, kMicroseconds, vtb,
-                                               static_cast<AVRounding>(AV_ROUND_DOWN | AV_ROUND_PASS_MINMAX));
+    mVideoStartPTS = addSaturated(mOrigin, usToTicks(mStartTime, vtb, AV_ROUND_UP));
+    mVideoStopPTS = addSaturated(mOrigin, usToTicks(mEndTime, vtb, AV_ROUND_DOWN));
     ALOGV("mVideoStartPTS = %lld mVideoStopPTS %lld", static_cast<long long>(mVideoStartPTS),
           static_cast<long long>(mVideoStopPTS));
     // Each output timestamp is computed from the frame count at the rate
@@ -519,8 +532,8 @@ int VideoTrimer::startTrim(int mode) {
         int audioTimeBase = atb.num != 0 ? atb.den / atb.num : 0;
         ALOGV("audio timeBase %d", audioTimeBase);
         int64_t audioOrigin = av_rescale_q(mOrigin, vtb, atb);
-        mAudioStartPTS = audioOrigin + av_rescale_q(mStartTime, kMicroseconds, atb);
-        mAudioStopPTS = audioOrigin + av_rescale_q(mEndTime, kMicroseconds, atb);
+        mAudioStartPTS = addSaturated(audioOrigin, usToTicks(mStartTime, atb, AV_ROUND_NEAR_INF));
+        mAudioStopPTS = addSaturated(audioOrigin, usToTicks(mEndTime, atb, AV_ROUND_NEAR_INF));
         ALOGV("mAudioStartPTS = %lld mAudioStopPTS %lld", static_cast<long long>(mAudioStartPTS),
               static_cast<long long>(mAudioStopPTS));
         int sampleRate = inAudio->codecpar->sample_rate;
@@ -584,7 +597,10 @@ void VideoTrimer::startTrimInner() {
         pass.audioHigh = videoTo != kNoTime ? av_rescale_q(videoTo, vtb, atb) : kForever;
     }
     pass.progressFromUs = av_rescale_q(start.keyBefore != kNoTime ? start.keyBefore : mOrigin, vtb, kMicroseconds);
-    pass.progressToUs = av_rescale_q(after.firstFrame != kNoTime ? after.firstFrame : mVideoStopPTS, vtb, kMicroseconds);
+    int64_t progressEnd = after.firstFrame != kNoTime ? after.firstFrame
+                          : after.videoEnd != kNoTime ? after.videoEnd
+                                                      : start.firstFrame;
+    pass.progressToUs = av_rescale_q(progressEnd, vtb, kMicroseconds);
     startProgress(std::max<int64_t>(1, pass.progressToUs - pass.progressFromUs));
 
     int64_t key = seekToKeyFrameAtOrBefore(mVideoStartPTS);
@@ -602,8 +618,8 @@ void VideoTrimer::startTrimOuter() {
 
     // The left part ends before the first frame at or after the start; the
     // right part resumes with the first frame at or after the end.
-    int64_t resumeTicks = mOrigin + av_rescale_q_rnd(mEndTime, kMicroseconds, vtb,
-                                                     static_cast<AVRounding>(AV_ROUND_UP | AV_ROUND_PASS_MINMAX));
+    // An end before the start removes nothing (and repeats nothing).
+    int64_t resumeTicks = std::max(mVideoStartPTS, addSaturated(mOrigin, usToTicks(mEndTime, vtb, AV_ROUND_UP)));
     CutScan left = scanCut(mVideoStartPTS, false, kForever);
     CutScan right = scanCut(resumeTicks, mCopyVideo, kForever);
     // The audio kept is what starts within the video kept: from the first
@@ -622,7 +638,7 @@ void VideoTrimer::startTrimOuter() {
 
     Pass leftPass;
     leftPass.videoLow = kBeginning;
-    leftPass.videoHigh = mVideoStartPTS - 1;
+    leftPass.videoHigh = addSaturated(mVideoStartPTS, -1);
     leftPass.copyFrom = mCopyVideo ? kBeginning : kForever;
     leftPass.audioLow = av_rescale_q(mOrigin, vtb, atb);
     leftPass.audioHigh = left.firstFrame != kNoTime ? av_rescale_q(left.firstFrame, vtb, atb) : kForever;

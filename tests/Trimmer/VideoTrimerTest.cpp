@@ -369,6 +369,26 @@ TEST(TrimOutput, KeepsTheInputRotation) {
     EXPECT_EQ(inspectMedia(plain, false).rotation, 0);
 }
 
+// Whatever times the Java side passes: no overflow, no repeated frames.
+TEST(TrimOutput, ExtremeAndReversedTimesKeepTheWholeFile) {
+    ScratchDir dir;
+    struct Case {
+        int64_t startUs;
+        int64_t endUs;
+        int mode;
+    } cases[] = {{-5000000, INT64_MAX, 0}, {INT64_MIN, INT64_MAX, 0}, {INT64_MAX, INT64_MIN, 1},
+                 {5000000, 2000000, 1}};
+    for (const Case& c : cases) {
+        std::string out = dir.file("whole.mp4");
+        VideoTrimer trimer(fixture("mpeg4.mp4").c_str(), out.c_str());
+        trimer.setTrimParam(c.startUs, c.endUs);
+        ASSERT_EQ(trimer.prepare(), 0);
+        EXPECT_EQ(trimer.startTrim(c.mode), 0);
+        trimer.release();
+        EXPECT_EQ(inspectMedia(out).frames, run(0, 299)) << c.startUs << " " << c.endUs << " mode " << c.mode;
+    }
+}
+
 TEST(TrimOutput, OtherModesWriteAnEmptyButCompleteFile) {
     ScratchDir dir;
     std::string out = dir.file("empty.mp4");
