@@ -442,7 +442,15 @@ int64_t VideoTrimer::seekToKeyFrameAtOrBefore(int64_t target) {
             av_seek_frame(in, mSrcVideoIndex, seekTs, AVSEEK_FLAG_BACKWARD);
             return key;
         }
-        seekTs -= std::max(key - target, oneSecond) * (attempt + 1);
+        // Step back further each time; a target far before anything in the
+        // stream goes straight to the beginning.
+        int64_t gap;
+        int64_t step;
+        if (__builtin_sub_overflow(key, target, &gap) ||
+            __builtin_mul_overflow(std::max(gap, oneSecond), static_cast<int64_t>(attempt + 1), &step) ||
+            __builtin_sub_overflow(seekTs, step, &seekTs)) {
+            break;
+        }
     }
     seekToStart();
     int64_t key = firstVideoKeyPts();
