@@ -181,7 +181,7 @@ TEST_F(NativeEventPostListenerTest, OwnerWithoutObjectSendsNothing) {
     EXPECT_EQ(count(), 0);
 }
 
-TEST_F(NativeEventPostListenerTest, DestroyedOnNativeThreadReleasesReferencesAndDetaches) {
+TEST_F(NativeEventPostListenerTest, DestroyedOnNativeThreadLeavesItDetached) {
     auto listener = makeListener();
     bool attachedAfter = true;
     std::thread t([&] {
