@@ -38,7 +38,9 @@ int StreamRotation::write(AVStream* stream, int degrees) {
     if (data == nullptr) {
         return AVERROR(ENOMEM);
     }
-    av_display_rotation_set(reinterpret_cast<int32_t*>(data), -static_cast<double>(degrees));
+    // The setter takes the clockwise angle (the getter answers the
+    // counter-clockwise one, hence the negation in fromDisplayMatrix).
+    av_display_rotation_set(reinterpret_cast<int32_t*>(data), static_cast<double>(degrees));
     char text[16];
     snprintf(text, sizeof(text), "%d", degrees);
     return av_dict_set(&stream->metadata, "rotate", text, 0);

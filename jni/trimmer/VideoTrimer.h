@@ -1,0 +1,221 @@
+#pragma once
+
+#include <jni.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Common/FFmpegPtr.h"
+
+class NativeEventPostListener;
+class TrimProgressListener;
+
+// Cuts the time range [start, end] of a media file into a new MP4 file with
+// one MPEG-4 Part 2 video stream and the input's audio stream copied as it
+// is. Mode 0 keeps the range, mode 1 removes it and joins what lies before
+// the start to what lies from the end on.
+//
+// Video packets are copied unchanged only when the input video is itself
+// MPEG-4 Part 2 without B-frames, and then only from the first key frame at
+// or after a cut; the frames between a cut and that key frame are decoded
+// and re-encoded. Any other input has every kept frame re-encoded, so the
+// output always decodes cleanly. Output timestamps are new and evenly spaced
+// from 0 at the input's frame rate.
+//
+// Times are microseconds measured from the first video timestamp of the
+// input. The output's first frame is the first input frame at or after the
+// start; mode 0 runs through the last frame at or before the end, mode 1
+// resumes with the first frame at or after the end. Cut points are found
+// from the packets' own timestamps (read around each cut before the trim),
+// never from an integer frame-rate estimate, so non-integer rates such as
+// 30000/1001 cut exactly. Frames are chosen by their presentation time, so
+// inputs with B-frames (whose packets come in decoding order) cut exactly
+// too. The output frame rate is the input's (av_guess_frame_rate), each
+// timestamp computed from the frame count so that rounding never adds up.
+//
+// Audio packets are kept when they start within the span of the video kept
+// (from its first frame to the end of its last), so audio and video end
+// within one audio packet of each other; priming packets that the container
+// marks for discarding are dropped.
+//
+// Copied and encoded MPEG-4 packets share one stream. Their configuration
+// headers (video object layer: time resolution, resync markers, ...) are
+// compared without the encoder-identification user data; when they differ,
+// the container carries the input's header (copied packets stay unchanged)
+// and the first packet of every run of encoded packets, and of every run of
+// copied packets that follows encoded ones, starts with its own header.
+//
+// Order of use: constructor, setJNIListener (optional), setTrimParam,
+// prepare, startTrim, release. Everything runs on the caller's thread.
+class VideoTrimer {
+public:
+    VideoTrimer(const char* inputPath, const char* outputPath);
+    virtual ~VideoTrimer();
+
+    VideoTrimer(const VideoTrimer&) = delete;
+    VideoTrimer& operator=(const VideoTrimer&) = delete;
+
+    void setJNIListener(JNIEnv* env, jobject thiz, jobject weakThis, jmethodID method);
+    void notifyEvent(int msg, int ext1, int ext2);
+
+    // The range in microseconds.
+    void setTrimParam(int64_t start, int64_t end);
+    // Finds the key frames at or before (mFirstSyncTime) and at or after
+    // (mSecondSyncTime, INT64_MAX when there is none) a time given in the
+    // input video stream's ticks. Moves the input's read position.
+    void getSyncTime(int64_t timestamp);
+
+    // Opens the input, creates the output with its encoder and writes its
+    // header. 0, or -1 (input cannot be opened), -2 (no stream information),
+    // -3 (no video stream, or no decoder for it), -4 (the decoder cannot be
+    // opened), -5 (the output cannot be created), -6 (no MPEG-4 encoder),
+    // -7 (the encoder cannot be opened), -8 (the audio parameters cannot be
+    // copied), -9 (the output header cannot be written).
+    int prepare();
+
+    // Runs the trim (mode 0 keep, mode 1 cut out; any other mode writes no
+    // packets) and finishes the file. Returns the trailer's result (0 on
+    // success), or -1 when the trim was not prepared or has run already.
+    int startTrim(int mode);
+
+    // Drains the video decoder into the encoder and the encoder into the
+    // output; the encoder accepts no frames afterwards.
+    void flushCodec();
+    // Drains the encoder of the given output stream when its codec buffers
+    // frames.
+    void flushCodec(AVFormatContext* fmt, unsigned int streamIndex);
+
+    // Frees everything; harmless to call again.
+    void release();
+
+    // Progress of startTrim, on the calling thread; not owned, may be null.
+    void setProgressListener(TrimProgressListener* listener);
+
+    // Whether the prepared trim may copy video packets (MPEG-4 Part 2 input
+    // without B-frames) instead of re-encoding every frame.
+    bool copiesVideo() const { return mCopyVideo; }
+    // What startTrim wrote.
+    int64_t videoFramesCopied() const { return mVideoFramesCopied; }
+    int64_t videoFramesEncoded() const { return mVideoFramesEncoded; }
+    int64_t audioPacketsWritten() const { return mAudioPacketsWritten; }
+    // Length of what startTrim wrote (the longer of video and audio), in
+    // microseconds.
+    int64_t outputDurationUs() const;
+
+private:
+    // Which configuration header the copied and the encoded video packets
+    // need in front of them.
+    enum class HeaderSource { Input, Encoder };
+
+    // What reading around a cut point finds, in video ticks.
+    struct CutScan {
+        int64_t keyBefore;   // key frame at or before the target (reading starts here)
+        int64_t firstFrame;  // first frame at or after the target; AV_NOPTS_VALUE if none
+        int64_t keyAfter;    // first key frame at or after the target; INT64_MAX if none
+        int64_t videoEnd;    // end of the last frame read (its time plus duration)
+    };
+
+    // One read over part of the input. Video frames with timestamps in
+    // [videoLow, videoHigh] are kept; in copy mode packets from copyFrom on
+    // are copied, earlier ones re-encoded. Audio packets starting in
+    // [audioLow, audioHigh) (audio ticks) are kept.
+    struct Pass {
+        int64_t videoLow;
+        int64_t videoHigh;
+        int64_t copyFrom;
+        int64_t audioLow;
+        int64_t audioHigh;
+        int64_t progressFromUs;
+        int64_t progressToUs;
+    };
+
+    void startTrimInner();
+    void startTrimOuter();
+    void runPass(const Pass& pass);
+
+    int readPacket();
+    int64_t seekToStart();
+    int64_t firstVideoKeyPts();
+    int64_t seekToKeyFrameAtOrBefore(int64_t target);
+    CutScan scanCut(int64_t target, bool findKeyAfter, int64_t keyLimit);
+
+    int reencodePacket(AVPacket* packet);
+    int encodeFrame(AVFrame* frame);
+    AVFrame* convertForEncoder(AVFrame* frame);
+    void drainDecoder();
+    void drainEncoder();
+    int writeVideoPacket(AVPacket* packet, HeaderSource source);
+    int writeAudioPacket(AVPacket* packet);
+
+    void startProgress(int64_t totalUs);
+    void reportProgress(const Pass& pass, const AVPacket* packet);
+    void finishPassProgress(const Pass& pass);
+
+    std::unique_ptr<NativeEventPostListener> mListener;
+    kavra::ScopedAVInputContext mpSrcFormatCtx;
+    kavra::ScopedAVOutputContext mpDstFormatCtx;
+    kavra::ScopedAVCodecContext mDecoderContext;
+    kavra::ScopedAVCodecContext mEncoderContext;
+    const AVCodec* mDecoder;
+    AVStream* mDstAudioStream;
+    AVStream* mDstVideoStream;
+    int32_t mSrcAudioIndex;
+    int32_t mDstAudioIndex;
+    int32_t mSrcVideoIndex;
+    int32_t mDstVideoIndex;
+    kavra::ScopedAVPacket mPacket;
+    int64_t mStartTime;
+    int64_t mEndTime;
+    int64_t mVideoStartPTS;
+    int64_t mVideoStopPTS;
+    int64_t mAudioStartPTS;
+    int64_t mAudioStopPTS;
+    int64_t mFirstSyncTime;
+    int64_t mSecondSyncTime;
+    int32_t mVideoTicks;
+    int64_t mNextVideoPts;
+    int32_t mAudioTicks;
+    int64_t mNextAudioPts;
+    std::string mInputPath;
+    std::string mOutputPath;
+
+    TrimProgressListener* mProgressListener;
+    kavra::ScopedAVFrame mFrame;        // decoded picture
+    // Pictures converted for the encoder, used in turn: the encoder may keep
+    // a reference to the last one it was given.
+    kavra::ScopedAVFrame mScaledFrames[3];
+    kavra::ScopedSwsContext mScaler;
+    kavra::ScopedAVPacket mEncodedPacket;
+    kavra::ScopedAVPacket mHeaderPacket;
+
+    bool mHeaderWritten;
+    bool mTrimDone;
+    bool mCopyVideo;
+    bool mInbandHeaders;
+    HeaderSource mActiveHeader;
+    std::vector<uint8_t> mInputHeader;
+    std::vector<uint8_t> mEncoderHeader;
+
+    int64_t mOrigin;         // the input's first video timestamp
+    AVRational mFrameRate;   // output frame rate
+    int64_t mInputFrameTicks;  // one frame in input video ticks, for packets without a duration
+    int64_t mKeepLow;        // video frames kept by the running pass
+    int64_t mKeepHigh;
+    bool mDecoderPrimed;     // packets were sent since the last drain
+    bool mEncoderUsed;
+    bool mEncoderDrained;
+    int64_t mEncoderFramePts;
+    int64_t mVideoFramesWritten;
+
+    int64_t mVideoFramesCopied;
+    int64_t mVideoFramesEncoded;
+    int64_t mAudioPacketsWritten;
+    int64_t mAudioWrittenUs;
+
+    int64_t mProgressTotalUs;
+    int64_t mProgressDoneUs;  // spans of finished passes
+    int64_t mProgressPassUs;  // furthest point of the running pass
+    int mLastPercent;
+};

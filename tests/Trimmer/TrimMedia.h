@@ -1,0 +1,219 @@
+#pragma once
+
+// What the trimmer tests read back from files: decoded frame indices, packet
+// bytes, stream lengths; checks with the ffmpeg tool; scratch directories and
+// media made for a single test.
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+#include "Common/FFmpegPtr.h"
+#include "Common/StreamRotation.h"
+#include "support/FrameIndex.h"
+#include "support/Process.h"
+
+namespace kavra::test {
+
+// A directory of its own for one test, removed afterwards.
+class ScratchDir {
+public:
+    ScratchDir() {
+        const char* base = getenv("TMPDIR");
+        std::string pattern = std::string(base != nullptr ? base : "/tmp") + "/kavra_trim_XXXXXX";
+        std::vector<char> buf(pattern.begin(), pattern.end());
+        buf.push_back('\0');
+        if (mkdtemp(buf.data()) != nullptr) {
+            mPath = buf.data();
+        }
+    }
+    ~ScratchDir() {
+        if (!mPath.empty()) {
+            std::error_code ec;
+            std::filesystem::remove_all(mPath, ec);
+        }
+    }
+    ScratchDir(const ScratchDir&) = delete;
+    ScratchDir& operator=(const ScratchDir&) = delete;
+    const std::string& path() const { return mPath; }
+    std::string file(const std::string& name) const { return mPath + "/" + name; }
+    // Names of everything in the directory.
+    std::vector<std::string> entries() const {
+        std::vector<std::string> names;
+        for (const auto& e : std::filesystem::directory_iterator(mPath)) {
+            names.push_back(e.path().filename().string());
+        }
+        return names;
+    }
+
+private:
+    std::string mPath;
+};
+
+inline std::string fileHash(const std::string& path) {
+    CommandResult r = runCommand("sha256sum " + shellQuote(path));
+    return r.status == 0 ? r.output.substr(0, 64) : std::string();
+}
+
+// What the ffmpeg tool reports while decoding the whole file (warnings
+// included); empty for a clean file.
+inline std::string ffmpegDecodeComplaints(const std::string& path) {
+    CommandResult r =
+        runCommand("ffmpeg -nostdin -hide_banner -v warning -i " + shellQuote(path) + " -f null - 2>&1");
+    if (r.status != 0 && r.output.empty()) {
+        return "ffmpeg exited with status " + std::to_string(r.status);
+    }
+    return r.output;
+}
+
+// The rotation ffprobe shows for the first video stream (counter-clockwise,
+// as ffprobe prints it), or empty.
+inline std::string ffprobeRotation(const std::string& path) {
+    CommandResult r = runCommand("ffprobe -v error -select_streams v:0 -show_entries stream_side_data=rotation "
+                                 "-of default=nw=1:nk=1 " +
+                                 shellQuote(path));
+    std::string out = r.output;
+    while (!out.empty() && (out.back() == '\n' || out.back() == ' ')) {
+        out.pop_back();
+    }
+    return out;
+}
+
+inline bool runTool(const std::string& command) {
+    CommandResult r = runCommand(command + " 2>&1");
+    if (r.status != 0) {
+        ADD_FAILURE() << command << "\n" << r.output;
+    }
+    return r.status == 0;
+}
+
+struct Packet {
+    int64_t pts;
+    bool key;
+    std::vector<uint8_t> data;
+};
+
+struct MediaReport {
+    bool opened = false;
+    int videoStreams = 0;
+    int audioStreams = 0;
+    AVCodecID videoCodec = AV_CODEC_ID_NONE;
+    AVRational frameRate{0, 1};
+    int rotation = 0;
+    std::vector<Packet> videoPackets;  // in file order
+    std::vector<int> frames;           // decoded frame indices, display order
+    double videoSeconds = 0;           // sum of video packet durations
+    double audioSeconds = 0;           // sum of audio packet durations
+    double longestAudioPacket = 0;     // seconds
+};
+
+// Reads every packet of the first video and first audio stream and decodes
+// the video, reading each picture's frame index.
+inline MediaReport inspectMedia(const std::string& path, bool decode = true) {
+    MediaReport report;
+    AVFormatContext* raw = nullptr;
+    if (avformat_open_input(&raw, path.c_str(), nullptr, nullptr) < 0) {
+        return report;
+    }
+    ScopedAVInputContext in(raw);
+    if (avformat_find_stream_info(in.get(), nullptr) < 0) {
+        return report;
+    }
+    report.opened = true;
+    int video = -1;
+    int audio = -1;
+    for (unsigned i = 0; i < in->nb_streams; ++i) {
+        AVMediaType type = in->streams[i]->codecpar->codec_type;
+        if (type == AVMEDIA_TYPE_VIDEO) {
+            ++report.videoStreams;
+            if (video < 0) {
+                video = static_cast<int>(i);
+            }
+        } else if (type == AVMEDIA_TYPE_AUDIO) {
+            ++report.audioStreams;
+            if (audio < 0) {
+                audio = static_cast<int>(i);
+            }
+        }
+    }
+    ScopedAVCodecContext dec;
+    if (video >= 0) {
+        AVStream* st = in->streams[video];
+        report.videoCodec = st->codecpar->codec_id;
+        report.frameRate = st->avg_frame_rate;
+        report.rotation = StreamRotation::read(st);
+        const AVCodec* codec = avcodec_find_decoder(st->codecpar->codec_id);
+        if (decode && codec != nullptr) {
+            dec.reset(avcodec_alloc_context3(codec));
+            avcodec_parameters_to_context(dec.get(), st->codecpar);
+            dec->thread_count = 1;
+            if (avcodec_open2(dec.get(), codec, nullptr) < 0) {
+                dec.reset();
+            }
+        }
+    }
+    ScopedAVPacket pkt = makeScopedAVPacket();
+    ScopedAVFrame frame = makeScopedAVFrame();
+    auto drain = [&] {
+        while (avcodec_receive_frame(dec.get(), frame.get()) == 0) {
+            report.frames.push_back(
+                frameIndexFromLuma(frame->data[0], frame->linesize[0], frame->width, frame->height));
+            av_frame_unref(frame.get());
+        }
+    };
+    while (av_read_frame(in.get(), pkt.get()) >= 0) {
+        if (pkt->stream_index == video) {
+            AVRational tb = in->streams[video]->time_base;
+            report.videoSeconds += pkt->duration * av_q2d(tb);
+            report.videoPackets.push_back(
+                Packet{pkt->pts, (pkt->flags & AV_PKT_FLAG_KEY) != 0,
+                       std::vector<uint8_t>(pkt->data, pkt->data + pkt->size)});
+            if (dec) {
+                avcodec_send_packet(dec.get(), pkt.get());
+                drain();
+            }
+        } else if (pkt->stream_index == audio) {
+            double d = pkt->duration * av_q2d(in->streams[audio]->time_base);
+            report.audioSeconds += d;
+            report.longestAudioPacket = std::max(report.longestAudioPacket, d);
+        }
+        av_packet_unref(pkt.get());
+    }
+    if (dec) {
+        avcodec_send_packet(dec.get(), nullptr);
+        drain();
+    }
+    return report;
+}
+
+// first, first + 1, ..., last
+inline std::vector<int> run(int first, int last) {
+    std::vector<int> v;
+    for (int i = first; i <= last; ++i) {
+        v.push_back(i);
+    }
+    return v;
+}
+
+inline std::vector<int> concat(std::vector<int> a, const std::vector<int>& b) {
+    a.insert(a.end(), b.begin(), b.end());
+    return a;
+}
+
+// An MPEG-4 Part 2 clip at 29.97 frames per second (every fixture frame kept,
+// only the timing changed) whose configuration differs from the trimmer's
+// encoder in its time resolution: 30000 ticks a second against 30.
+inline bool makeNtscMpeg4(const std::string& source, const std::string& out) {
+    return runTool("ffmpeg -nostdin -v error -y -i " + shellQuote(source) +
+                   " -map 0:v -map 0:a -vf 'setpts=N*1001/(30000*TB)' -r 30000/1001 -c:v mpeg4 -q:v 3 -g 30 "
+                   "-bf 0 -c:a copy -fflags +bitexact " +
+                   shellQuote(out));
+}
+
+}  // namespace kavra::test

@@ -1,0 +1,248 @@
+// kavra trim IN OUT --from TIME --to TIME [--cut] [--json]: keeps the range
+// (or, with --cut, removes it and joins the rest) into a new MP4 file.
+//
+// The file is written under a temporary name next to OUT and renamed when it
+// is complete, so OUT never names a half-written file; on any failure the
+// temporary file is removed.
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+extern "C" {
+#include <libavformat/avformat.h>
+}
+
+#include "Command.h"
+#include "ToolSupport.h"
+#include "trimmer/TrimProgressListener.h"
+#include "trimmer/VideoTrimer.h"
+
+namespace {
+
+// The temporary file, for removal when the tool is interrupted.
+char gTempPath[4096];
+volatile sig_atomic_t gTempActive = 0;
+
+void removeTempAndExit(int sig) {
+    if (gTempActive) {
+        unlink(gTempPath);
+    }
+    signal(sig, SIG_DFL);
+    raise(sig);
+}
+
+class TempFile {
+public:
+    ~TempFile() { remove(); }
+    bool create(const std::string& finalPath, std::string* error) {
+        size_t slash = finalPath.rfind('/');
+        std::string dir = slash == std::string::npos ? "." : finalPath.substr(0, slash == 0 ? 1 : slash);
+        std::string base = slash == std::string::npos ? finalPath : finalPath.substr(slash + 1);
+        std::string pattern = dir + (dir == "/" ? "" : "/") + "." + base + ".kavra-XXXXXX";
+        if (pattern.size() >= sizeof(gTempPath)) {
+            *error = "path too long";
+            return false;
+        }
+        memcpy(gTempPath, pattern.c_str(), pattern.size() + 1);
+        int fd = mkstemp(gTempPath);
+        if (fd < 0) {
+            *error = strerror(errno);
+            return false;
+        }
+        gTempActive = 1;
+        // The finished file gets the permissions a newly created file would.
+        mode_t mask = umask(0);
+        umask(mask);
+        fchmod(fd, 0666 & ~mask);
+        close(fd);
+        mPath = gTempPath;
+        return true;
+    }
+    const std::string& path() const { return mPath; }
+    bool commit(const std::string& finalPath, std::string* error) {
+        if (rename(mPath.c_str(), finalPath.c_str()) != 0) {
+            *error = strerror(errno);
+            return false;
+        }
+        gTempActive = 0;
+        mPath.clear();
+        return true;
+    }
+    void remove() {
+        if (!mPath.empty()) {
+            unlink(mPath.c_str());
+            gTempActive = 0;
+            mPath.clear();
+        }
+    }
+
+private:
+    std::string mPath;
+};
+
+class ProgressLine : public TrimProgressListener {
+public:
+    explicit ProgressLine(tool::Progress* progress) : mProgress(progress) {}
+    void onTrimProgress(int percent) override { mProgress->update(percent); }
+
+private:
+    tool::Progress* mProgress;
+};
+
+struct InputFacts {
+    long long durationMs;
+    bool hasVideo;
+};
+
+bool probeInput(const std::string& path, InputFacts* facts, std::string* error) {
+    AVFormatContext* ctx = nullptr;
+    int ret = avformat_open_input(&ctx, path.c_str(), nullptr, nullptr);
+    if (ret < 0) {
+        *error = tool::ffmpegError(ret);
+        return false;
+    }
+    ret = avformat_find_stream_info(ctx, nullptr);
+    if (ret < 0) {
+        avformat_close_input(&ctx);
+        *error = "no stream information: " + tool::ffmpegError(ret);
+        return false;
+    }
+    facts->hasVideo = av_find_best_stream(ctx, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0) >= 0;
+    facts->durationMs = ctx->duration != AV_NOPTS_VALUE ? ctx->duration / 1000 : -1;
+    avformat_close_input(&ctx);
+    return true;
+}
+
+std::string prepareError(int code) {
+    switch (code) {
+    case -1: return "cannot open the input";
+    case -2: return "no stream information in the input";
+    case -3: return "no decodable video stream in the input";
+    case -4: return "cannot open the video decoder";
+    case -5: return "cannot create the output";
+    case -6: return "no MPEG-4 encoder";
+    case -7: return "cannot open the MPEG-4 encoder";
+    case -8: return "cannot copy the audio stream";
+    case -9: return "the output cannot hold these streams";
+    default: return "error " + std::to_string(code);
+    }
+}
+
+int runTrim(const std::vector<std::string>& args) {
+    tool::Arguments a;
+    std::string error;
+    if (!tool::parseArguments(args, {"--from", "--to"}, {"--cut", "--json"}, &a, &error)) {
+        return tool::fail("trim", error);
+    }
+    if (a.positional.size() != 2) {
+        return tool::fail("trim", "expected IN and OUT");
+    }
+    if (!a.has("--from") || !a.has("--to")) {
+        return tool::fail("trim", "--from and --to are required");
+    }
+    const std::string& input = a.positional[0];
+    const std::string& output = a.positional[1];
+    long long fromMs = 0;
+    long long toMs = 0;
+    if (!tool::parseTimeMs(a.get("--from"), &fromMs)) {
+        return tool::fail("trim", "bad time '" + a.get("--from") + "'");
+    }
+    if (!tool::parseTimeMs(a.get("--to"), &toMs)) {
+        return tool::fail("trim", "bad time '" + a.get("--to") + "'");
+    }
+    if (toMs <= fromMs) {
+        return tool::fail("trim", "the end (" + std::to_string(toMs) + " ms) is not after the start (" +
+                                      std::to_string(fromMs) + " ms)");
+    }
+    struct stat st;
+    if (stat(input.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+        return tool::fail(input, "is a directory");
+    }
+    InputFacts facts{};
+    if (!probeInput(input, &facts, &error)) {
+        return tool::fail(input, error);
+    }
+    if (!facts.hasVideo) {
+        return tool::fail(input, "no video stream");
+    }
+    if (facts.durationMs >= 0 && (fromMs >= facts.durationMs || toMs > facts.durationMs)) {
+        return tool::fail("trim", "the range " + std::to_string(fromMs) + "-" + std::to_string(toMs) +
+                                      " ms is outside the file (" + std::to_string(facts.durationMs) + " ms)");
+    }
+    if (stat(output.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+        return tool::fail(output, "is a directory");
+    }
+
+    TempFile temp;
+    if (!temp.create(output, &error)) {
+        return tool::fail(output, error);
+    }
+    signal(SIGINT, removeTempAndExit);
+    signal(SIGTERM, removeTempAndExit);
+
+    bool cut = a.has("--cut");
+    int64_t copied = 0;
+    int64_t encoded = 0;
+    int64_t audio = 0;
+    bool copies = false;
+    long long outMs = 0;
+    {
+        tool::Progress progress(cut ? "cutting" : "trimming");
+        ProgressLine listener(&progress);
+        VideoTrimer trimer(input.c_str(), temp.path().c_str());
+        trimer.setProgressListener(&listener);
+        trimer.setTrimParam(fromMs * 1000, toMs * 1000);
+        int ret = trimer.prepare();
+        if (ret != 0) {
+            return tool::fail(ret == -5 ? output : input, prepareError(ret));
+        }
+        copies = trimer.copiesVideo();
+        ret = trimer.startTrim(cut ? 1 : 0);
+        progress.finish();
+        if (ret < 0) {
+            return tool::fail(output, "writing failed: " + tool::ffmpegError(ret));
+        }
+        copied = trimer.videoFramesCopied();
+        encoded = trimer.videoFramesEncoded();
+        audio = trimer.audioPacketsWritten();
+        outMs = trimer.outputDurationUs() / 1000;
+        trimer.release();
+    }
+    if (copied + encoded == 0) {
+        return tool::fail("trim", "no video frame in the result");
+    }
+    if (!temp.commit(output, &error)) {
+        return tool::fail(output, error);
+    }
+
+    if (a.has("--json")) {
+        tool::Json j;
+        j.beginObject();
+        j.field("output", output);
+        j.field("mode", std::string(cut ? "cut" : "keep"));
+        j.field("output_ms", outMs);
+        j.field("video_frames_copied", static_cast<long long>(copied));
+        j.field("video_frames_encoded", static_cast<long long>(encoded));
+        j.field("audio_packets", static_cast<long long>(audio));
+        j.endObject();
+        printf("%s\n", j.str().c_str());
+    } else {
+        printf("%s: %lld ms\n", output.c_str(), outMs);
+        printf("  video: %lld frames copied, %lld re-encoded%s\n", static_cast<long long>(copied),
+               static_cast<long long>(encoded), copies ? "" : " (input cannot be copied: every frame re-encoded)");
+        printf("  audio: %lld packets copied\n", static_cast<long long>(audio));
+    }
+    return 0;
+}
+
+}  // namespace
+
+KAVRA_COMMAND("trim", "IN OUT --from TIME --to TIME [--cut] [--json]",
+              "keep the range FROM-TO of a video (or with --cut remove it) into a new MP4 file", runTrim);
