@@ -24,6 +24,8 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <memory>
 #include <string>
 #include <sys/stat.h>
@@ -126,6 +128,9 @@ int engineDecode(Decoder& decoder, const Clip& clip, PerFrame perFrame) {
     FrameBufferQueue* queue = decoder.getOutputQueue();
     std::atomic<int> frames{0};
     std::atomic<bool> done{false};
+    std::mutex endMutex;
+    std::condition_variable endCond;
+    bool ended = false;
     std::thread consumer([&] {
         while (!done) {
             int index = queue->dequeueOutputBufferIndex(100);
@@ -139,7 +144,10 @@ int engineDecode(Decoder& decoder, const Clip& clip, PerFrame perFrame) {
             }
             queue->releaseOutputBuffer();
             if (end) {
+                std::lock_guard<std::mutex> lock(endMutex);
+                ended = true;
                 done = true;
+                endCond.notify_all();
             } else {
                 frames += 1;
             }
@@ -155,16 +163,16 @@ int engineDecode(Decoder& decoder, const Clip& clip, PerFrame perFrame) {
     }
     while (decoder.queueInputBuffer(nullptr, 5) == -2) {
     }
-    auto deadline = Clock::now() + std::chrono::seconds(60);
-    while (!done && Clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    {
+        std::unique_lock<std::mutex> lock(endMutex);
+        endCond.wait_for(lock, std::chrono::seconds(60), [&] { return ended; });
     }
-    bool ended = done;
+    bool finished = done;
     done = true;
     decoder.stop();
     consumer.join();
     decoder.release();
-    return ended ? frames.load() : -1;
+    return finished ? frames.load() : -1;
 }
 
 // CPU time of the whole process (every thread), in seconds.
