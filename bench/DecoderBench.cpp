@@ -12,8 +12,9 @@
 //
 // Each iteration runs the reference and the engine back to back; the
 // counters are frames per second of each over all iterations, their ratio
-// (engine divided by reference, 1.0 = as fast) and ratio_best, the same
-// for the fastest iteration of each side. The clip is made by
+// (engine divided by reference, 1.0 = as fast), the median of the
+// per-iteration ratios, and cpu_ratio: reference CPU time divided by the
+// CPU time of all the engine's threads. The clip is made by
 // tests/fixtures/make_fixtures.sh ... --bench. The engine's log lines are
 // kept off the terminal.
 
@@ -23,9 +24,12 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <memory>
 #include <string>
 #include <sys/stat.h>
+#include <ctime>
 #include <thread>
 #include <vector>
 
@@ -124,6 +128,9 @@ int engineDecode(Decoder& decoder, const Clip& clip, PerFrame perFrame) {
     FrameBufferQueue* queue = decoder.getOutputQueue();
     std::atomic<int> frames{0};
     std::atomic<bool> done{false};
+    std::mutex endMutex;
+    std::condition_variable endCond;
+    bool ended = false;
     std::thread consumer([&] {
         while (!done) {
             int index = queue->dequeueOutputBufferIndex(100);
@@ -137,7 +144,10 @@ int engineDecode(Decoder& decoder, const Clip& clip, PerFrame perFrame) {
             }
             queue->releaseOutputBuffer();
             if (end) {
+                std::lock_guard<std::mutex> lock(endMutex);
+                ended = true;
                 done = true;
+                endCond.notify_all();
             } else {
                 frames += 1;
             }
@@ -153,44 +163,72 @@ int engineDecode(Decoder& decoder, const Clip& clip, PerFrame perFrame) {
     }
     while (decoder.queueInputBuffer(nullptr, 5) == -2) {
     }
-    auto deadline = Clock::now() + std::chrono::seconds(60);
-    while (!done && Clock::now() < deadline) {
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
+    {
+        std::unique_lock<std::mutex> lock(endMutex);
+        endCond.wait_for(lock, std::chrono::seconds(60), [&] { return ended; });
     }
-    bool ended = done;
+    bool finished = done;
     done = true;
     decoder.stop();
     consumer.join();
     decoder.release();
-    return ended ? frames.load() : -1;
+    return finished ? frames.load() : -1;
 }
 
-// Sums over the iterations, and the fastest run of each side: on a shared
-// machine the fastest run is the one least disturbed by other work.
+// CPU time of the whole process (every thread), in seconds.
+double processCpuSeconds() {
+    struct timespec ts;
+    clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &ts);
+    return ts.tv_sec + ts.tv_nsec / 1e9;
+}
+
+// One side's run: wall time and the CPU time all threads spent.
+struct Run {
+    double wall;
+    double cpu;
+};
+
+template <typename Work>
+Run measure(Work work) {
+    Clock::time_point wall = Clock::now();
+    double cpu = processCpuSeconds();
+    work();
+    return Run{secondsSince(wall), processCpuSeconds() - cpu};
+}
+
+// Per-iteration results of both sides. On a machine shared with other work
+// single runs swing widely, so besides the ratio over all iterations the
+// median of the per-iteration ratios is reported, and the ratio of CPU time
+// (work done per frame, whatever the scheduling).
 struct Totals {
-    double engineSeconds = 0;
-    double plainSeconds = 0;
-    double engineBest = 1e30;
-    double plainBest = 1e30;
+    std::vector<double> ratios;
+    double engineWall = 0;
+    double plainWall = 0;
+    double engineCpu = 0;
+    double plainCpu = 0;
     long engineFrames = 0;
     long plainFrames = 0;
 
-    void add(double engine, double plain, int frames) {
-        engineSeconds += engine;
-        plainSeconds += plain;
-        engineBest = std::min(engineBest, engine);
-        plainBest = std::min(plainBest, plain);
+    void add(const Run& engine, const Run& plain, int frames) {
+        engineWall += engine.wall;
+        plainWall += plain.wall;
+        engineCpu += engine.cpu;
+        plainCpu += plain.cpu;
         engineFrames += frames;
         plainFrames += frames;
+        ratios.push_back(plain.wall / engine.wall);
     }
 
-    void report(benchmark::State& state) const {
-        double engineFps = engineFrames / engineSeconds;
-        double plainFps = plainFrames / plainSeconds;
+    void report(benchmark::State& state) {
+        double engineFps = engineFrames / engineWall;
+        double plainFps = plainFrames / plainWall;
+        std::sort(ratios.begin(), ratios.end());
+        size_t n = ratios.size();
         state.counters["engine_fps"] = engineFps;
         state.counters["plain_fps"] = plainFps;
         state.counters["ratio"] = engineFps / plainFps;
-        state.counters["ratio_best"] = plainBest / engineBest;
+        state.counters["ratio_median"] = n % 2 == 1 ? ratios[n / 2] : (ratios[n / 2 - 1] + ratios[n / 2]) / 2;
+        state.counters["cpu_ratio"] = plainCpu / engineCpu;
         state.counters["frames"] = static_cast<double>(engineFrames) / static_cast<double>(state.iterations());
     }
 };
@@ -204,19 +242,17 @@ void videoAgainstPlain(benchmark::State& state, MakeDecoder makeDecoder) {
     }
     Totals totals;
     for (auto _ : state) {
-        Clock::time_point t = Clock::now();
-        int plain = plainDecode(clip, [](const AVFrame*) {});
-        double plainSeconds = secondsSince(t);
+        int plain = 0;
+        Run plainRun = measure([&] { plain = plainDecode(clip, [](const AVFrame*) {}); });
         std::unique_ptr<Decoder> decoder = makeDecoder();
-        t = Clock::now();
-        int engine = engineDecode(*decoder, clip, [](const FrameBuffer*) {});
-        double seconds = secondsSince(t);
+        int engine = 0;
+        Run engineRun = measure([&] { engine = engineDecode(*decoder, clip, [](const FrameBuffer*) {}); });
         if (engine != plain) {
             state.SkipWithError("the engine decoded another number of frames");
             return;
         }
-        totals.add(seconds, plainSeconds, engine);
-        state.SetIterationTime(seconds);
+        totals.add(engineRun, plainRun, engine);
+        state.SetIterationTime(engineRun.wall);
     }
     totals.report(state);
 }
@@ -241,46 +277,48 @@ void BM_AudioFFmpegDecoderToS16VsPlain(benchmark::State& state) {
         // Reference: decode, then convert with a resampler built once.
         kavra::ScopedSwrContext swr;
         size_t bytes = 0;
-        Clock::time_point t = Clock::now();
-        int plain = plainDecode(clip, [&](const AVFrame* f) {
-            if (swr == nullptr) {
-                SwrContext* raw = nullptr;
-                AVChannelLayout stereo;
-                AVChannelLayout in;
-                av_channel_layout_default(&stereo, 2);
-                av_channel_layout_default(&in, f->ch_layout.nb_channels);
-                swr_alloc_set_opts2(&raw, &stereo, AV_SAMPLE_FMT_S16, 44100, &in,
-                                    static_cast<AVSampleFormat>(f->format), f->sample_rate, 0, nullptr);
-                swr.reset(raw);
-                swr_init(swr.get());
-            }
-            uint8_t* dst = out.data();
-            int n = swr_convert(swr.get(), &dst, static_cast<int>(out.size() / 4),
-                                const_cast<const uint8_t**>(f->extended_data), f->nb_samples);
-            bytes += n > 0 ? static_cast<size_t>(n) * 4 : 0;
+        int plain = 0;
+        Run plainRun = measure([&] {
+            plain = plainDecode(clip, [&](const AVFrame* f) {
+                if (swr == nullptr) {
+                    SwrContext* raw = nullptr;
+                    AVChannelLayout stereo;
+                    AVChannelLayout in;
+                    av_channel_layout_default(&stereo, 2);
+                    av_channel_layout_default(&in, f->ch_layout.nb_channels);
+                    swr_alloc_set_opts2(&raw, &stereo, AV_SAMPLE_FMT_S16, 44100, &in,
+                                        static_cast<AVSampleFormat>(f->format), f->sample_rate, 0, nullptr);
+                    swr.reset(raw);
+                    swr_init(swr.get());
+                }
+                uint8_t* dst = out.data();
+                int n = swr_convert(swr.get(), &dst, static_cast<int>(out.size() / 4),
+                                    const_cast<const uint8_t**>(f->extended_data), f->nb_samples);
+                bytes += n > 0 ? static_cast<size_t>(n) * 4 : 0;
+            });
         });
-        double plainSeconds = secondsSince(t);
         benchmark::DoNotOptimize(bytes);
 
         FFmpegAudioConverter converter;
         size_t engineBytes = 0;
         FFmpegDecoder decoder;
-        t = Clock::now();
-        int engine = engineDecode(decoder, clip, [&](const FrameBuffer* b) {
-            AVFrame* f = static_cast<AVFrame*>(b->data);
-            unsigned char* pcm = nullptr;
-            int n = converter.convert(pcm, 44100, 2, AV_SAMPLE_FMT_S16,
-                                      const_cast<const unsigned char**>(f->extended_data), b->sampleRate, b->channels,
-                                      b->format, b->nbSamples);
-            engineBytes += n > 0 ? static_cast<size_t>(n) : 0;
+        int engine = 0;
+        Run engineRun = measure([&] {
+            engine = engineDecode(decoder, clip, [&](const FrameBuffer* b) {
+                AVFrame* f = static_cast<AVFrame*>(b->data);
+                unsigned char* pcm = nullptr;
+                int n = converter.convert(pcm, 44100, 2, AV_SAMPLE_FMT_S16,
+                                          const_cast<const unsigned char**>(f->extended_data), b->sampleRate,
+                                          b->channels, b->format, b->nbSamples);
+                engineBytes += n > 0 ? static_cast<size_t>(n) : 0;
+            });
         });
-        double seconds = secondsSince(t);
         if (engine != plain || engineBytes != bytes) {
             state.SkipWithError("the engine produced other audio than the reference");
             return;
         }
-        totals.add(seconds, plainSeconds, engine);
-        state.SetIterationTime(seconds);
+        totals.add(engineRun, plainRun, engine);
+        state.SetIterationTime(engineRun.wall);
     }
     totals.report(state);
 }

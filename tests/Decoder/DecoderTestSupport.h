@@ -163,9 +163,9 @@ public:
     void start() { mThread = std::thread([this] { run(); }); }
     // True once the end-of-stream record arrived, false if it did not within
     // the time-out.
-    bool waitForEnd(int timeoutMs) {
+    bool waitForEnd(int timeoutMs, int ends = 1) {
         std::unique_lock<std::mutex> lock(mMutex);
-        return mCond.wait_for(lock, std::chrono::milliseconds(timeoutMs), [this] { return mEnded; });
+        return mCond.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return mEnds >= ends; });
     }
     bool waitForFrames(size_t n, int timeoutMs) {
         std::unique_lock<std::mutex> lock(mMutex);
@@ -212,6 +212,7 @@ private:
             }
             if (end) {
                 mEnded = true;
+                mEnds += 1;
             } else {
                 mFrames.push_back(f);
             }
@@ -227,6 +228,7 @@ private:
     std::condition_variable mCond;
     std::vector<DecodedFrame> mFrames;
     bool mEnded = false;
+    int mEnds = 0;
     int mAfterEnd = 0;
 };
 
@@ -400,6 +402,26 @@ inline void expectPromptStop(Decoder& decoder, OpenedMedia& media) {
     ASSERT_EQ(flushed.wait_for(std::chrono::seconds(5)), std::future_status::ready) << "flush() after stop waits";
     EXPECT_EQ(decoder.getStatus(), DECODER_STATUS_STOPPED);
     EXPECT_EQ(decoder.queueInputBuffer(nullptr, 0), -3) << "a stopped decoder takes nothing";
+}
+
+// After the end of the stream, the same packets fed again (the extractor
+// rewound, no flush in between, as a restart from the beginning does)
+// decode completely once more.
+inline void expectReplayAfterEnd(Decoder& decoder, OpenedMedia& media) {
+    OutputCollector out(decoder.getOutputQueue());
+    out.start();
+    ASSERT_EQ(decoder.start(), 0);
+    ASSERT_EQ(feedStream(media.extractor, media.video, decoder), 300);
+    ASSERT_TRUE(out.waitForEnd(30000));
+    ASSERT_GE(media.extractor.seekFrame(0, -1, AVSEEK_FLAG_BACKWARD), 0);
+    ASSERT_EQ(feedStream(media.extractor, media.video, decoder), 300);
+    ASSERT_TRUE(out.waitForEnd(30000, 2)) << "no second end-of-stream record";
+    out.finish();
+    std::vector<DecodedFrame> frames = out.frames();
+    ASSERT_EQ(frames.size(), 600u);
+    for (size_t i = 0; i < frames.size(); ++i) {
+        ASSERT_EQ(frames[i].index, static_cast<int>(i % 300)) << "frame " << i;
+    }
 }
 
 // Makes a packet's first four bytes 0xFF: for length-prefixed H.264 a NAL

@@ -138,6 +138,10 @@ TEST_F(FFmpegDecoderVideo, FlushThenSeekDeliversOnlyFramesOfTheNewPosition) {
     expectFlushThenSeek(decoder, media);
 }
 
+TEST_F(FFmpegDecoderVideo, AStreamFedAgainAfterItsEndDecodesAgain) {
+    expectReplayAfterEnd(decoder, media);
+}
+
 TEST_F(FFmpegDecoderVideo, StopWhileBlockedOnAFullRingReturnsPromptly) {
     expectPromptStop(decoder, media);
 }

@@ -189,6 +189,10 @@ TEST_F(MediaCodecVideoDecoderVideo, FlushThenSeekDeliversOnlyFramesOfTheNewPosit
     expectFlushThenSeek(decoder, media);
 }
 
+TEST_F(MediaCodecVideoDecoderVideo, AStreamFedAgainAfterItsEndDecodesAgain) {
+    expectReplayAfterEnd(decoder, media);
+}
+
 TEST_F(MediaCodecVideoDecoderVideo, StopWhileBlockedOnAFullRingReturnsPromptly) {
     expectPromptStop(decoder, media);
 }

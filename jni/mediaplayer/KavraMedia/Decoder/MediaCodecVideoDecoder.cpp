@@ -267,6 +267,12 @@ void MediaCodecVideoDecoder::drainAtEndOfStream() {
     mFrameBuffer.size = 0;
     mFrameBuffer.data = mFrame.get();
     mOutputQueue.queueInputBuffer(&mFrameBuffer, -1);
+    // After its end of stream the codec takes input again only once
+    // flushed; packets that follow (a restart from the beginning) then
+    // decode as the first ones did.
+    if (queued && !interrupted()) {
+        flushCodec();
+    }
 }
 
 int MediaCodecVideoDecoder::queueIntoDecoder(AVPacket* pkt) {
@@ -277,7 +283,10 @@ int MediaCodecVideoDecoder::queueIntoDecoder(AVPacket* pkt) {
     }
     size_t slot = static_cast<size_t>(index);
     if (pkt->size == 0) {
-        mCodec->queueInputBuffer(slot, 0, 0, 0, MediaCodec::BUFFER_FLAG_END_OF_STREAM);
+        int ret = mCodec->queueInputBuffer(slot, 0, 0, 0, MediaCodec::BUFFER_FLAG_END_OF_STREAM);
+        if (ret != 0) {
+            __android_log_print(ANDROID_LOG_ERROR, kTag, "decoder error:%d", ret);
+        }
         return 0;
     }
     size_t capacity = 0;
@@ -317,7 +326,10 @@ int MediaCodecVideoDecoder::queueIntoDecoder(AVPacket* pkt) {
         __android_log_print(ANDROID_LOG_ERROR, kTag, "input buffer of %zu bytes too small, packet dropped", capacity);
         used = 0;
     }
-    mCodec->queueInputBuffer(slot, 0, used, static_cast<uint64_t>(pts), flags);
+    ret = mCodec->queueInputBuffer(slot, 0, used, static_cast<uint64_t>(pts), flags);
+    if (ret != 0) {
+        __android_log_print(ANDROID_LOG_ERROR, kTag, "decoder error:%d", ret);
+    }
     return 0;
 }
 

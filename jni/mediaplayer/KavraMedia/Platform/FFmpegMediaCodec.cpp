@@ -177,10 +177,15 @@ int FFmpegMediaCodec::configure(const MediaFormat* format, void* /*surface*/, vo
         b.capacity = 0;
         b.owner = Owner::Codec;
         memset(&b.info, 0, sizeof(b.info));
+        b.frame = kavra::makeScopedAVFrame();
+        b.packed = false;
     }
     bool allocated = mFrame != nullptr && mSwFrame != nullptr && mPacket != nullptr;
     for (const Buffer& b : mInputs) {
         allocated = allocated && b.data != nullptr;
+    }
+    for (const Buffer& b : mOutputs) {
+        allocated = allocated && b.frame != nullptr;
     }
     // The output pool is made for the configured size now, so that a stream
     // of that size never allocates while it runs.
@@ -296,6 +301,7 @@ void FFmpegMediaCodec::resetLocked() {
     mReadyOutputs.clear();
     for (size_t i = 0; i < mOutputs.size(); ++i) {
         mOutputs[i].owner = Owner::Codec;
+        av_frame_unref(mOutputs[i].frame.get());
         mFreeOutputs.push_back(i);
     }
     // An announced format stays announced; one not yet reported still is
@@ -396,10 +402,22 @@ uint8_t* FFmpegMediaCodec::getOutputBuffer(size_t index, size_t* outSize) {
     if (!validClientBuffer(mOutputs, index)) {
         return nullptr;
     }
-    if (outSize != nullptr) {
-        *outSize = mOutputs[index].capacity;
+    Buffer& out = mOutputs[index];
+    if (!out.packed && out.info.size > 0) {
+        // First access: the picture is laid out in the buffer now, on the
+        // client's thread.
+        int size = copyFrame(out.frame.get(), out.data.get(), out.capacity);
+        out.packed = true;
+        if (size != out.info.size) {
+            __android_log_print(ANDROID_LOG_ERROR, kTag, "cannot lay out picture of %d bytes", out.info.size);
+            out.info.size = 0;
+            return nullptr;
+        }
     }
-    return mOutputs[index].data.get();
+    if (outSize != nullptr) {
+        *outSize = out.capacity;
+    }
+    return out.data.get();
 }
 
 std::unique_ptr<MediaFormat> FFmpegMediaCodec::getOutputFormat() {
@@ -489,7 +507,7 @@ void FFmpegMediaCodec::workerLoop() {
         case Phase::Receive:
         case Phase::Drain: {
             if (mHaveFrame) {
-                if (!emitFrame(lock)) {
+                if (!emitFrame()) {
                     mWorkerCond.wait(lock);
                 }
                 break;
@@ -523,6 +541,8 @@ void FFmpegMediaCodec::workerLoop() {
             out.info.size = 0;
             out.info.presentationTimeUs = 0;
             out.info.flags = BUFFER_FLAG_END_OF_STREAM;
+            av_frame_unref(out.frame.get());
+            out.packed = true;
             out.owner = Owner::Queued;
             mReadyOutputs.push_back(index);
             mClientCond.notify_all();
@@ -536,7 +556,7 @@ void FFmpegMediaCodec::workerLoop() {
     }
 }
 
-bool FFmpegMediaCodec::emitFrame(std::unique_lock<std::mutex>& lock) {
+bool FFmpegMediaCodec::emitFrame() {
     AVFrame* frame = mFrame.get();
     if (frame->width != mOutWidth || frame->height != mOutHeight) {
         // A new size: every output buffer must be back (and the buffers of
@@ -564,22 +584,14 @@ bool FFmpegMediaCodec::emitFrame(std::unique_lock<std::mutex>& lock) {
     size_t index = mFreeOutputs.front();
     mFreeOutputs.pop_front();
     Buffer& out = mOutputs[index];
-    out.owner = Owner::Worker;
-    lock.unlock();
-    int size = copyFrame(frame, out.data.get(), out.capacity);
-    int64_t pts = frame->best_effort_timestamp;
-    av_frame_unref(frame);
-    lock.lock();
-    mHaveFrame = false;
-    if (size < 0) {
-        out.owner = Owner::Codec;
-        mFreeOutputs.push_front(index);
-        return true;
-    }
     out.info.offset = 0;
-    out.info.size = size;
-    out.info.presentationTimeUs = pts;
+    out.info.size = static_cast<int32_t>(pictureBytes(frame->width, frame->height));
+    out.info.presentationTimeUs = frame->best_effort_timestamp;
     out.info.flags = 0;
+    av_frame_unref(out.frame.get());
+    av_frame_move_ref(out.frame.get(), frame);
+    out.packed = false;
+    mHaveFrame = false;
     out.owner = Owner::Queued;
     mReadyOutputs.push_back(index);
     mClientCond.notify_all();

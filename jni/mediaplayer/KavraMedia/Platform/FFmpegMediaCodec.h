@@ -15,6 +15,10 @@
 // band), announces the output format before its first output buffer, and
 // hands out tightly packed planar YUV 4:2:0 pictures (colour format 19: Y,
 // then U, then V) from a fixed pool allocated when the format is known.
+// Like a hardware block writing its output by DMA, the decoding thread
+// never spends time on that layout: an output buffer carries a reference
+// to the decoded picture, packed into the buffer's bytes on the client's
+// thread when the client asks for them.
 // Presentation times pass through unchanged. A hardware decoder is used
 // through FFmpeg where the machine offers one, FFmpeg's software decoder
 // otherwise.
@@ -61,13 +65,19 @@ private:
         size_t capacity;
         Owner owner;
         MediaCodecBufferInfo info;
+        // Output only: the decoded picture, and whether it has been packed
+        // into `data`. The reference is dropped only on the worker thread
+        // (when the buffer is reused, or at a flush), so that the decoder's
+        // recycling of picture memory is ordered after every read of it.
+        kavra::ScopedAVFrame frame;
+        bool packed;
     };
 
     void workerLoop();
     void sendInput(Buffer& in);
-    // Puts the decoded frame into a free output buffer, announcing a new
+    // Hands the decoded frame to a free output buffer, announcing a new
     // format first when its size changed. False while it has to wait.
-    bool emitFrame(std::unique_lock<std::mutex>& lock);
+    bool emitFrame();
     // Every buffer back to the codec, the decoder emptied.
     void resetLocked();
     bool allocateOutputs(int width, int height);
