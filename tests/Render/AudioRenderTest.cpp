@@ -83,7 +83,7 @@ protected:
     void SetUp() override {
         env = jniEnv();
         ASSERT_NE(env, nullptr);
-        frames = decodeFrames(fixture("h264_aac.mp4"), AVMEDIA_TYPE_AUDIO, 48);
+        frames = referenceFrames(fixture("h264_aac.mp4"), AVMEDIA_TYPE_AUDIO, 48);
         ASSERT_EQ(frames.size(), 48u);
         ASSERT_EQ(frames[0]->format, AV_SAMPLE_FMT_FLTP);
         ASSERT_EQ(frames[0]->nb_samples, 1024);

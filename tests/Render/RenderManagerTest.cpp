@@ -40,8 +40,8 @@ protected:
     RenderManagerTest() : now(5000000000LL), manager([this] { return now.load(); }) {}
 
     void SetUp() override {
-        video = decodeFrames(fixture("h264_aac.mp4"), AVMEDIA_TYPE_VIDEO, 6);
-        audio = decodeFrames(fixture("h264_aac.mp4"), AVMEDIA_TYPE_AUDIO, 4);
+        video = referenceFrames(fixture("h264_aac.mp4"), AVMEDIA_TYPE_VIDEO, 6);
+        audio = referenceFrames(fixture("h264_aac.mp4"), AVMEDIA_TYPE_AUDIO, 4);
         ASSERT_EQ(video.size(), 6u);
         ASSERT_EQ(audio.size(), 4u);
         window = std::make_shared<MemoryNativeWindow>();

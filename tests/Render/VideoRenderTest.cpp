@@ -181,7 +181,7 @@ INSTANTIATE_TEST_SUITE_P(
 class VideoRenderFixture : public VideoRenderTest, public ::testing::WithParamInterface<const char*> {};
 
 TEST_P(VideoRenderFixture, ShowsDecodedFramesInOrder) {
-    std::vector<ScopedAVFrame> frames = decodeFrames(fixture(GetParam()), AVMEDIA_TYPE_VIDEO, 40);
+    std::vector<ScopedAVFrame> frames = referenceFrames(fixture(GetParam()), AVMEDIA_TYPE_VIDEO, 40);
     ASSERT_EQ(frames.size(), 40u);
     for (size_t i = 0; i < frames.size(); ++i) {
         show(frames[i].get(), i + 1);
@@ -199,7 +199,7 @@ INSTANTIATE_TEST_SUITE_P(Media, VideoRenderFixture, ::testing::Values("h264_aac.
                          });
 
 TEST_F(VideoRenderTest, ConvertsOtherPixelFormatsToPlanar420) {
-    std::vector<ScopedAVFrame> frames = decodeFrames(fixture("h264_aac.mp4"), AVMEDIA_TYPE_VIDEO, 3);
+    std::vector<ScopedAVFrame> frames = referenceFrames(fixture("h264_aac.mp4"), AVMEDIA_TYPE_VIDEO, 3);
     ASSERT_EQ(frames.size(), 3u);
     for (AVPixelFormat format : {AV_PIX_FMT_NV12, AV_PIX_FMT_RGBA}) {
         for (int i = 0; i < 3; ++i) {
@@ -229,7 +229,7 @@ TEST_F(VideoRenderTest, TurnsBuffersByTheStreamRotation) {
 }
 
 TEST_F(VideoRenderTest, DropsALateFrameWhileThePresentationThreadHoldsTheLock) {
-    std::vector<ScopedAVFrame> frames = decodeFrames(fixture("h264_aac.mp4"), AVMEDIA_TYPE_VIDEO, 3);
+    std::vector<ScopedAVFrame> frames = referenceFrames(fixture("h264_aac.mp4"), AVMEDIA_TYPE_VIDEO, 3);
     ASSERT_EQ(frames.size(), 3u);
     show(frames[0].get(), 1);
 
@@ -277,7 +277,7 @@ TEST_F(VideoRenderTest, WaitsForADueFrameUnlessFlushed) {
 }
 
 TEST_F(VideoRenderTest, RestartsThePresentationThreadOnEverySizeChange) {
-    std::vector<ScopedAVFrame> frames = decodeFrames(fixture("h264_aac.mp4"), AVMEDIA_TYPE_VIDEO, 12);
+    std::vector<ScopedAVFrame> frames = referenceFrames(fixture("h264_aac.mp4"), AVMEDIA_TYPE_VIDEO, 12);
     ASSERT_EQ(frames.size(), 12u);
     auto widthOf = [](int i) { return i < 3 ? 320 : i < 6 ? 160 : i < 9 ? 320 : 240; };
     for (int i = 0; i < 12; ++i) {

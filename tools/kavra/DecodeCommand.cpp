@@ -112,18 +112,9 @@ int runDecode(const std::vector<std::string>& args) {
         return tool::fail("decode", "--video-decoder must be auto, ffmpeg or codec");
     }
     const std::string& path = a.positional[0];
-    struct stat st;
-    if (stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
-        return tool::fail(path, "is a directory");
-    }
     FFmpegMediaExtractor extractor;
-    int ret = extractor.setSource(path.c_str());
-    if (ret < 0) {
-        return tool::fail(path, tool::ffmpegError(ret));
-    }
-    ret = extractor.findStreamInfo();
-    if (ret < 0) {
-        return tool::fail(path, "no stream information: " + tool::ffmpegError(ret));
+    if (!tool::openMedia(path, &extractor)) {
+        return 1;
     }
 
     Lane video;
@@ -171,7 +162,8 @@ int runDecode(const std::vector<std::string>& args) {
         }
     }
 
-    long long fileSize = st.st_size;
+    struct stat st;
+    long long fileSize = stat(path.c_str(), &st) == 0 ? st.st_size : 0;
     tool::Progress progress("decode");
     kavra::ScopedAVPacket pkt = kavra::makeScopedAVPacket();
     // A read that keeps failing without reaching the end is given up.

@@ -116,18 +116,9 @@ int runProbe(const std::vector<std::string>& args) {
         return tool::fail("probe", "expected exactly one FILE");
     }
     const std::string& path = a.positional[0];
-    struct stat st;
-    if (stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
-        return tool::fail(path, "is a directory");
-    }
     FFmpegMediaExtractor extractor;
-    int ret = extractor.setSource(path.c_str());
-    if (ret < 0) {
-        return tool::fail(path, tool::ffmpegError(ret));
-    }
-    ret = extractor.findStreamInfo();
-    if (ret < 0) {
-        return tool::fail(path, "no stream information: " + tool::ffmpegError(ret));
+    if (!tool::openMedia(path, &extractor)) {
+        return 1;
     }
     if (extractor.mMediaInfo.streamNum == 0) {
         return tool::fail(path, "no media streams");

@@ -1,6 +1,7 @@
 #include "ToolSupport.h"
 
 #include <android/log.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -10,6 +11,8 @@
 extern "C" {
 #include <libavutil/error.h>
 }
+
+#include "Source/FFmpegMediaExtractor.h"
 
 namespace tool {
 namespace {
@@ -43,6 +46,25 @@ void setVerbose(bool verbose) {
 int fail(const std::string& what, const std::string& reason) {
     fprintf(stderr, "kavra: %s: %s\n", what.c_str(), reason.c_str());
     return 1;
+}
+
+bool openMedia(const std::string& path, FFmpegMediaExtractor* extractor) {
+    struct stat st;
+    if (stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+        fail(path, "is a directory");
+        return false;
+    }
+    int ret = extractor->setSource(path.c_str());
+    if (ret < 0) {
+        fail(path, ffmpegError(ret));
+        return false;
+    }
+    ret = extractor->findStreamInfo();
+    if (ret < 0) {
+        fail(path, "no stream information: " + ffmpegError(ret));
+        return false;
+    }
+    return true;
 }
 
 std::string ffmpegError(int code) {

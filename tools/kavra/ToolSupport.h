@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+class FFmpegMediaExtractor;
+
 // Small helpers shared by the kavra subcommands.
 namespace tool {
 
@@ -12,6 +14,10 @@ void setVerbose(bool verbose);
 
 // Prints "kavra: <what>: <reason>" on stderr and returns exit status 1.
 int fail(const std::string& what, const std::string& reason);
+
+// Opens and probes a media file with the engine's extractor. On failure
+// prints the one-line error naming the file and returns false.
+bool openMedia(const std::string& path, FFmpegMediaExtractor* extractor);
 
 // FFmpeg's text for a negative error code.
 std::string ffmpegError(int code);
