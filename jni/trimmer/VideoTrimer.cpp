@@ -225,6 +225,9 @@ int VideoTrimer::prepare() {
         return -4;
     }
     mDecoderContext->pkt_timebase = inVideo->time_base;
+    // One decoding thread per core: re-encoding a whole range is bound by
+    // decoding as much as by encoding (libavcodec's default is one thread).
+    mDecoderContext->thread_count = 0;
     if (avcodec_open2(mDecoderContext.get(), mDecoder, nullptr) < 0) {
         ALOGV("Could not open encoder. ");
         return -4;
