@@ -1,7 +1,9 @@
 #include "FrameBufferQueue.h"
 
 #include <android/log.h>
+#include <chrono>
 #include <cstdlib>
+#include <thread>
 #include <cstring>
 
 extern "C" {
@@ -13,6 +15,9 @@ namespace {
 const char* const kTag = "FrameBufferQueue";
 // Unpadded planes, as the picture helpers of the decoders expect.
 constexpr int kPictureAlign = 1;
+// How long a consumer watches an empty ring before sleeping on it: a few
+// frame intervals of the shortest frames (AAC decodes in about 5 us).
+constexpr int kSpinBeforeWaitUs = 50;
 
 int pictureBytes(int format, int width, int height) {
     return av_image_get_buffer_size(static_cast<AVPixelFormat>(format), width, height, kPictureAlign);
@@ -232,6 +237,19 @@ int FrameBufferQueue::dequeueOutputBufferIndex(int timeoutMs) {
     outputMutex.lock();
     if (size != 0) {
         return finishDequeue(false);
+    }
+    if (timeoutMs == -1 || timeoutMs >= 1) {
+        // Short frames (audio decodes in a few microseconds) arrive faster
+        // than a thread can sleep and be woken: watch the ring for a moment
+        // before sleeping, so the producer need not wake the consumer for
+        // every frame. Bounded, and only when the ring is empty.
+        auto spinEnd = std::chrono::steady_clock::now() + std::chrono::microseconds(kSpinBeforeWaitUs);
+        while (size == 0 && !aborted && std::chrono::steady_clock::now() < spinEnd) {
+            std::this_thread::yield();
+        }
+        if (size != 0) {
+            return finishDequeue(false);
+        }
     }
     stateMutex.lock();
     for (;;) {
