@@ -397,4 +397,28 @@ int countPrefixed(const Log& log, const std::string& tag, const std::string& pre
     return n;
 }
 
+// A packet damaged in the middle of the stream (packet 45 in decode order,
+// a reference picture of the second group of pictures) is logged under
+// `tag` as "decoder error:%d" and decoding goes on to the last frame.
+template <typename Log>
+void expectDamagedPacketLoggedAndSkipped(Decoder& decoder, OpenedMedia& media, const Log& log, const std::string& tag) {
+    OutputCollector out(decoder.getOutputQueue());
+    out.start();
+    ASSERT_EQ(decoder.start(), 0);
+    ASSERT_EQ(feedStream(media.extractor, media.video, decoder,
+                         [](int n, AVPacket* pkt) {
+                             if (n == 45) {
+                                 damagePacket(pkt);
+                             }
+                         }),
+              300);
+    ASSERT_TRUE(out.waitForEnd(30000));
+    EXPECT_TRUE(log.contains(tag, "decoder error:" + std::to_string(AVERROR_INVALIDDATA)));
+    std::vector<DecodedFrame> frames = out.frames();
+    ASSERT_FALSE(frames.empty());
+    EXPECT_GE(frames.size(), 290u);
+    EXPECT_EQ(frames.back().index, 299) << "decoding must go on to the end";
+    EXPECT_EQ(frames.front().index, 0);
+}
+
 }  // namespace kavra::test

@@ -217,22 +217,7 @@ TEST_F(MediaCodecVideoDecoderVideo, NoSlotsUntilTheCodecAnnouncesItsFormat) {
 
 TEST_F(MediaCodecVideoDecoderVideo, ADamagedPacketIsLoggedAndDecodingGoesOn) {
     LogCapture log;
-    OutputCollector out(decoder.getOutputQueue());
-    out.start();
-    ASSERT_EQ(decoder.start(), 0);
-    ASSERT_EQ(feedStream(media.extractor, media.video, decoder,
-                         [](int n, AVPacket* pkt) {
-                             if (n == 45) {
-                                 damagePacket(pkt);
-                             }
-                         }),
-              300);
-    ASSERT_TRUE(out.waitForEnd(30000));
-    EXPECT_TRUE(log.contains("MediaCodecVideoDecoder", "decoder error:" + std::to_string(AVERROR_INVALIDDATA)));
-    std::vector<DecodedFrame> frames = out.frames();
-    ASSERT_FALSE(frames.empty());
-    EXPECT_GE(frames.size(), 290u);
-    EXPECT_EQ(frames.back().index, 299);
+    expectDamagedPacketLoggedAndSkipped(decoder, media, log, "MediaCodecVideoDecoder");
 }
 
 TEST(MediaCodecVideoDecoderCsd, ParameterSetsComeFromTheirPlacesInTheRecord) {
