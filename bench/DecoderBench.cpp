@@ -12,11 +12,12 @@
 //
 // AAC frames decode in a few microseconds, so for audio the cost of moving
 // each frame from one core to another is a large share of the whole. To
-// show how much of the gap to the plain loop any two-thread design must
-// pay, the audio benchmark also runs the plain loop on a thread of its own
-// handing frames to a converting consumer through a lock-free five-slot
-// ring on which both sides spin (handoff_ratio: that pipeline against the
-// plain loop; engine_vs_handoff: the engine against that pipeline).
+// show how much of the gap to the plain loop comes from handing frames
+// between threads at all, the audio benchmark also runs the plain loop on a
+// thread of its own, handing frames to a converting consumer through a
+// lock-free five-slot ring on which both sides spin (handoff_ratio: that
+// pipeline against the plain loop; engine_vs_handoff: the engine against
+// that pipeline).
 //
 // Each iteration runs the reference and the engine back to back; the
 // counters are frames per second of each over all iterations, their ratio
@@ -125,7 +126,7 @@ int plainDecode(const Clip& clip, PerFrame&& perFrame) {
     return frames;
 }
 
-// The least a decoding thread can pay to hand frames to another thread:
+// A lean hand-off between two threads, for comparison with the engine's:
 // the plain loop on its own thread, each frame moved into one of five slots
 // that a consumer thread takes in order, with two counters on cache lines of
 // their own and both sides spinning instead of sleeping. `perFrame` sees
