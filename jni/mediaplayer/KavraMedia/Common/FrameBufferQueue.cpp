@@ -3,8 +3,8 @@
 #include <android/log.h>
 #include <chrono>
 #include <cstdlib>
-#include <thread>
 #include <cstring>
+#include <thread>
 
 extern "C" {
 #include <libavutil/imgutils.h>
@@ -15,9 +15,6 @@ namespace {
 const char* const kTag = "FrameBufferQueue";
 // Unpadded planes, as the picture helpers of the decoders expect.
 constexpr int kPictureAlign = 1;
-// How long a consumer watches an empty ring before sleeping on it: a few
-// frame intervals of the shortest frames (AAC decodes in about 5 us).
-constexpr int kSpinBeforeWaitUs = 50;
 
 int pictureBytes(int format, int width, int height) {
     return av_image_get_buffer_size(static_cast<AVPixelFormat>(format), width, height, kPictureAlign);
@@ -151,8 +148,20 @@ void FrameBufferQueue::flush() {
     condition.notifyOne();
 }
 
+template <typename Blocked>
+bool FrameBufferQueue::spinWhile(Blocked blocked) {
+    auto end = std::chrono::steady_clock::now() + std::chrono::microseconds(kSpinBeforeWaitUs);
+    while (blocked() && !aborted && std::chrono::steady_clock::now() < end) {
+        std::this_thread::yield();
+    }
+    return !blocked();
+}
+
 int FrameBufferQueue::queueInputBuffer(void* src, int timeoutMs) {
     if (size < capacity - reserved) {
+        return putInner(static_cast<const FrameBuffer*>(src));
+    }
+    if ((timeoutMs == -1 || timeoutMs >= 1) && spinWhile([this] { return size == capacity - reserved; })) {
         return putInner(static_cast<const FrameBuffer*>(src));
     }
     stateMutex.lock();
@@ -239,15 +248,7 @@ int FrameBufferQueue::dequeueOutputBufferIndex(int timeoutMs) {
         return finishDequeue(false);
     }
     if (timeoutMs == -1 || timeoutMs >= 1) {
-        // Short frames (audio decodes in a few microseconds) arrive faster
-        // than a thread can sleep and be woken: watch the ring for a moment
-        // before sleeping, so the producer need not wake the consumer for
-        // every frame. Bounded, and only when the ring is empty.
-        auto spinEnd = std::chrono::steady_clock::now() + std::chrono::microseconds(kSpinBeforeWaitUs);
-        while (size == 0 && !aborted && std::chrono::steady_clock::now() < spinEnd) {
-            std::this_thread::yield();
-        }
-        if (size != 0) {
+        if (spinWhile([this] { return size == 0; })) {
             return finishDequeue(false);
         }
     }

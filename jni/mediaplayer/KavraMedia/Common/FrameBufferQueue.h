@@ -67,6 +67,24 @@ private:
     int putInner(const FrameBuffer* src);
     int finishDequeue(bool stateLocked);
     void releaseLocked();
+    // Watches the ring without a lock for a short while, as long as
+    // `blocked()` holds and the queue is not aborted; true when `blocked()`
+    // stopped holding. Short frames (audio decodes in a few microseconds)
+    // come and go faster than a thread can sleep and be woken, so either
+    // side looks for a moment before it sleeps on the condition; that also
+    // spares the other side a wake-up call for every frame.
+    template <typename Blocked>
+    bool spinWhile(Blocked blocked);
+
+    // How long either side watches before sleeping: a few frame intervals
+    // of the shortest frames (AAC decodes in about 5 us).
+    static constexpr int kSpinBeforeWaitUs = 50;
+
+    // The producer and the consumer run on different cores and hand over a
+    // frame every few microseconds. What only one side writes for every
+    // frame sits on a cache line of its own, so that neither side's writes
+    // pull the other side's fields across the cores.
+    static constexpr size_t kCacheLine = 64;
 
     // Fixed at create(), under stateMutex.
     int capacity;
@@ -74,11 +92,11 @@ private:
     int reserved;
     // Filled slots not yet released; changed under stateMutex, read without
     // it on the fast paths.
-    std::atomic<int> size;
+    alignas(kCacheLine) std::atomic<int> size;
     // Consumer side (and flush, under outputMutex).
-    std::atomic<int> readIndex;
+    alignas(kCacheLine) std::atomic<int> readIndex;
     // Producer side (and flush).
-    std::atomic<int> writeIndex;
+    alignas(kCacheLine) std::atomic<int> writeIndex;
     int format;
     int width;
     int height;
@@ -86,12 +104,12 @@ private:
     bool created;
     int bufferType;
     // Held by the consumer from a successful dequeue until its release.
-    NativeMutex outputMutex;
+    alignas(kCacheLine) NativeMutex outputMutex;
     // Guards size changes, aborted, creation and release.
-    NativeMutex stateMutex;
+    alignas(kCacheLine) NativeMutex stateMutex;
     NativeCondition condition;
-    FrameBuffer** buffers;
+    alignas(kCacheLine) FrameBuffer** buffers;
     std::atomic<bool> aborted;
     // The consumer holds outputMutex for a dequeued slot.
-    std::atomic<bool> outputHeld;
+    alignas(kCacheLine) std::atomic<bool> outputHeld;
 };
