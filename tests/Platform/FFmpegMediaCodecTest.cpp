@@ -15,9 +15,8 @@ namespace {
 
 constexpr int kWidth = 320;
 constexpr int kHeight = 240;
-constexpr size_t kPictureBytes = kWidth * kHeight * 3 / 2;
 
-// The H.264 fixture's video as the codec wants it: Annex B pictures without
+// An H.264 fixture's video as the codec wants it: Annex B pictures without
 // in-band parameter sets (each four-byte length replaced by a start code),
 // in decode order, and the parameter sets as codec-specific data.
 struct AnnexBStream {
@@ -27,9 +26,9 @@ struct AnnexBStream {
     std::vector<uint8_t> csd0;
     std::vector<uint8_t> csd1;
 
-    AnnexBStream() {
+    explicit AnnexBStream(const char* name) {
         OpenedMedia media;
-        EXPECT_TRUE(media.open(fixture("h264_aac.mp4")));
+        EXPECT_TRUE(media.open(fixture(name)));
         const AVCodecParameters* par = media.stream(media.video)->codecpar;
         EXPECT_TRUE(MediaCodecVideoDecoder::parseCodecSpecificData(par->extradata, par->extradata_size, &csd0, &csd1));
         EXPECT_EQ(par->extradata[4] & 3, 3) << "four-byte NAL lengths";
@@ -56,11 +55,17 @@ struct AnnexBStream {
 };
 
 const AnnexBStream& stream() {
-    static AnnexBStream s;
+    static AnnexBStream s("h264_aac.mp4");
     return s;
 }
 
-MediaFormat videoFormat(bool withCsd) {
+// 4:2:2 pictures, which the codec converts to the 4:2:0 it hands out.
+const AnnexBStream& stream422() {
+    static AnnexBStream s("h264_422.mp4");
+    return s;
+}
+
+MediaFormat videoFormat(bool withCsd, const AnnexBStream& s = stream()) {
     MediaFormat f;
     f.setString(MediaFormat::KEY_MIME, "video/avc");
     f.setInt32(MediaFormat::KEY_WIDTH, kWidth);
@@ -68,8 +73,8 @@ MediaFormat videoFormat(bool withCsd) {
     f.setInt32(MediaFormat::KEY_FRAME_RATE, 30);
     f.setInt32(MediaFormat::KEY_COLOR_FORMAT, MediaCodec::COLOR_FormatYUV420Planar);
     if (withCsd) {
-        f.setBuffer(MediaFormat::KEY_CSD_0, stream().csd0.data(), stream().csd0.size());
-        f.setBuffer(MediaFormat::KEY_CSD_1, stream().csd1.data(), stream().csd1.size());
+        f.setBuffer(MediaFormat::KEY_CSD_0, s.csd0.data(), s.csd0.size());
+        f.setBuffer(MediaFormat::KEY_CSD_1, s.csd1.data(), s.csd1.size());
     }
     return f;
 }
@@ -92,6 +97,9 @@ struct Driver {
     std::vector<Output> outputs;
     std::vector<int> events;  // -2 for a format announcement, 0 for a buffer
     bool ended = false;
+    // Layout of the pictures, from the last format announced.
+    int stride = 0;
+    int sliceHeight = 0;
 
     explicit Driver(MediaCodec& c) : codec(c) {}
 
@@ -120,6 +128,9 @@ struct Driver {
         ssize_t index = codec.dequeueOutputBuffer(&info, timeoutUs);
         if (index == MediaCodec::INFO_OUTPUT_FORMAT_CHANGED) {
             events.push_back(-2);
+            std::unique_ptr<MediaFormat> format = codec.getOutputFormat();
+            EXPECT_TRUE(format->getInt32(MediaFormat::KEY_STRIDE, &stride));
+            EXPECT_TRUE(format->getInt32(MediaFormat::KEY_SLICE_HEIGHT, &sliceHeight));
             return true;
         }
         if (index < 0) {
@@ -132,9 +143,9 @@ struct Driver {
         Output o{info.presentationTimeUs, info.flags, info.size, -1, 0, data};
         if (info.size > 0 && data != nullptr) {
             EXPECT_GE(capacity, static_cast<size_t>(info.size));
-            const uint8_t* planes[3] = {data, data + kWidth * kHeight, data + kWidth * kHeight * 5 / 4};
-            const int linesizes[3] = {kWidth, kWidth / 2, kWidth / 2};
-            o.index = frameIndexFromLuma(data, kWidth, kWidth, kHeight);
+            const uint8_t* planes[3] = {data, data + stride * sliceHeight, data + stride * sliceHeight * 5 / 4};
+            const int linesizes[3] = {stride, stride / 2, stride / 2};
+            o.index = frameIndexFromLuma(data, stride, kWidth, kHeight);
             o.hash = hashPicture(planes, linesizes, kWidth, kHeight);
         }
         if (info.flags & MediaCodec::BUFFER_FLAG_END_OF_STREAM) {
@@ -155,10 +166,10 @@ struct Driver {
     }
 };
 
-std::unique_ptr<MediaCodec> startedCodec(bool withCsd) {
+std::unique_ptr<MediaCodec> startedCodec(bool withCsd, const AnnexBStream& s = stream()) {
     std::unique_ptr<MediaCodec> codec = MediaCodec::createDecoderByType("video/avc");
     EXPECT_NE(codec, nullptr);
-    MediaFormat format = videoFormat(withCsd);
+    MediaFormat format = videoFormat(withCsd, s);
     EXPECT_EQ(codec->configure(&format, nullptr, nullptr, 0), MediaCodec::OK);
     EXPECT_EQ(codec->start(), MediaCodec::OK);
     return codec;
@@ -184,12 +195,24 @@ TEST(FFmpegMediaCodec, DecodesAWholeStreamUnderTheContract) {
     EXPECT_TRUE(format->getInt32(MediaFormat::KEY_WIDTH, &value) && value == kWidth);
     EXPECT_TRUE(format->getInt32(MediaFormat::KEY_HEIGHT, &value) && value == kHeight);
     EXPECT_TRUE(format->getInt32(MediaFormat::KEY_COLOR_FORMAT, &value) && value == 19);
-    EXPECT_TRUE(format->getInt32(MediaFormat::KEY_STRIDE, &value) && value == kWidth);
-    EXPECT_TRUE(format->getInt32(MediaFormat::KEY_SLICE_HEIGHT, &value) && value == kHeight);
+    // Software pictures come in the decoder's own padded layout: rows a
+    // multiple of 128 bytes apart, room for whole macroblocks below.
+    int32_t stride = 0;
+    int32_t sliceHeight = 0;
+    EXPECT_TRUE(format->getInt32(MediaFormat::KEY_STRIDE, &stride));
+    EXPECT_TRUE(format->getInt32(MediaFormat::KEY_SLICE_HEIGHT, &sliceHeight));
+    EXPECT_GE(stride, kWidth);
+    EXPECT_EQ(stride % 128, 0);
+    EXPECT_GE(sliceHeight, kHeight);
+    EXPECT_EQ(sliceHeight % 2, 0);
+    EXPECT_EQ(d.stride, stride);
+    EXPECT_EQ(d.sliceHeight, sliceHeight);
+    const size_t layoutBytes = static_cast<size_t>(stride) * sliceHeight * 3 / 2;
 
     // Every picture, in display order, with the time it went in with, the
-    // same pixels as FFmpeg's own decoding, from a fixed pool of buffers;
-    // then one empty buffer flagged end of stream.
+    // same pixels as FFmpeg's own decoding, from a bounded set of reused
+    // buffers (the outputs plus the most pictures H.264 keeps for
+    // reference); then one empty buffer flagged end of stream.
     ASSERT_EQ(d.outputs.size(), 301u);
     std::vector<int64_t> times = s.pts;
     std::sort(times.begin(), times.end());
@@ -198,14 +221,14 @@ TEST(FFmpegMediaCodec, DecodesAWholeStreamUnderTheContract) {
     std::set<const uint8_t*> pool;
     for (size_t i = 0; i < 300; ++i) {
         const Output& o = d.outputs[i];
-        ASSERT_EQ(o.size, static_cast<int32_t>(kPictureBytes)) << i;
+        ASSERT_EQ(o.size, static_cast<int32_t>(layoutBytes)) << i;
         ASSERT_EQ(o.flags, 0u) << i;
         ASSERT_EQ(o.pts, times[i]) << i;
         ASSERT_EQ(o.index, static_cast<int>(i));
         ASSERT_EQ(o.hash, hashPicture(reference[i]->data, reference[i]->linesize, kWidth, kHeight)) << i;
         pool.insert(o.buffer);
     }
-    EXPECT_LE(pool.size(), static_cast<size_t>(FFmpegMediaCodec::kOutputBuffers));
+    EXPECT_LE(pool.size(), static_cast<size_t>(FFmpegMediaCodec::kOutputBuffers + 16));
     EXPECT_EQ(d.outputs.back().flags, MediaCodec::BUFFER_FLAG_END_OF_STREAM);
     EXPECT_EQ(d.outputs.back().size, 0);
 
@@ -223,6 +246,31 @@ TEST(FFmpegMediaCodec, DecodesAWholeStreamUnderTheContract) {
     EXPECT_EQ(again.outputs.size(), 41u);
     EXPECT_EQ(again.outputs[0].index, 0);
     EXPECT_EQ(codec->stop(), MediaCodec::OK);
+}
+
+TEST(FFmpegMediaCodec, OtherPixelFormatsArePackedAsPlanar420) {
+    const AnnexBStream& s = stream422();
+    ASSERT_EQ(s.pictures.size(), 60u);
+    std::unique_ptr<MediaCodec> codec = startedCodec(true, s);
+    Driver d(*codec);
+    for (size_t i = 0; i < s.pictures.size(); ++i) {
+        ASSERT_TRUE(d.queue(s.pictures[i], s.pts[i], 0));
+        d.poll(0);
+    }
+    d.finish();
+    // Converted pictures are packed: no padding, from the fixed pool.
+    EXPECT_EQ(std::count(d.events.begin(), d.events.end(), -2), 1);
+    EXPECT_EQ(d.stride, kWidth);
+    EXPECT_EQ(d.sliceHeight, kHeight);
+    ASSERT_EQ(d.outputs.size(), 61u);
+    std::set<const uint8_t*> pool;
+    for (size_t i = 0; i < 60; ++i) {
+        ASSERT_EQ(d.outputs[i].size, kWidth * kHeight * 3 / 2) << i;
+        ASSERT_EQ(d.outputs[i].index, static_cast<int>(i));
+        pool.insert(d.outputs[i].buffer);
+    }
+    EXPECT_LE(pool.size(), static_cast<size_t>(FFmpegMediaCodec::kOutputBuffers));
+    EXPECT_EQ(d.outputs.back().flags, MediaCodec::BUFFER_FLAG_END_OF_STREAM);
 }
 
 TEST(FFmpegMediaCodec, WithoutParameterSetsNothingDecodes) {

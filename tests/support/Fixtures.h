@@ -12,7 +12,8 @@ namespace kavra::test {
 //   two_audio.mp4 (440 Hz #1, 880 Hz #2), mpeg4.mp4 (no B-frames),
 //   mpeg4_bframes.mp4, hevc.mp4, vp9.webm, odd_size.mp4 (MPEG-4, 321x241),
 //   late_start.ts (starts near 1.4 s), bad_rotate.mkv (tag ROTATE=abc),
-//   truncated.mp4, truncated_nomoov.mp4, random.bin
+//   truncated.mp4, truncated_nomoov.mp4, random.bin,
+//   h264_422.mp4 (H.264 4:2:2, no audio, 60 frames)
 // Every video frame shows its index in binary (see FrameIndex.h).
 inline std::string fixtureDir() { return KAVRA_FIXTURE_DIR; }
 inline std::string fixture(const std::string& name) { return fixtureDir() + "/" + name; }

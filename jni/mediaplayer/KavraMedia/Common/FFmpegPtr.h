@@ -77,6 +77,13 @@ struct SwrContextDeleter {
 };
 using ScopedSwrContext = std::unique_ptr<SwrContext, SwrContextDeleter>;
 
+// Made by av_buffer_pool_init, freed by av_buffer_pool_uninit (the pool
+// itself goes once the last of its buffers is back).
+struct AVBufferPoolDeleter {
+    void operator()(AVBufferPool* p) const { av_buffer_pool_uninit(&p); }
+};
+using ScopedAVBufferPool = std::unique_ptr<AVBufferPool, AVBufferPoolDeleter>;
+
 // Memory from av_malloc, freed by av_free.
 struct AVMemDeleter {
     void operator()(void* p) const { av_free(p); }

@@ -18,16 +18,33 @@ const char* const kTag = "FFmpegMediaCodec";
 // stream is declared anyway.
 constexpr int kMaxDrainErrors = 64;
 
+// Extra bytes after a decoded picture: the decoder's vector code may read a
+// little past the last row.
+constexpr size_t kPicturePadding = 256;
+// Luma rows are a multiple of this many bytes apart, so that the chroma
+// planes (half as wide) still start every row on the alignment the
+// decoder's vector code wants.
+constexpr int kMinStrideAlign = 128;
+
 size_t pictureBytes(int width, int height) {
     int n = av_image_get_buffer_size(AV_PIX_FMT_YUV420P, width, height, 1);
     return n > 0 ? static_cast<size_t>(n) : 0;
 }
+
+// Bytes of a picture in the output layout: a luma plane of `sliceHeight`
+// rows `stride` bytes apart, then two chroma planes of half of each.
+size_t layoutBytes(int stride, int sliceHeight) {
+    size_t luma = static_cast<size_t>(stride) * static_cast<size_t>(sliceHeight);
+    return luma + 2 * (luma / 4);
+}
+
+bool isPlanar420(int format) { return format == AV_PIX_FMT_YUV420P || format == AV_PIX_FMT_YUVJ420P; }
 }  // namespace
 
 FFmpegMediaCodec::FFmpegMediaCodec(AVCodecID codecId)
     : mCodecId(codecId), mState(State::Uninitialized), mPhase(Phase::Input), mFlushRequested(false),
       mStopRequested(false), mEndQueued(false), mHaveFrame(false), mFormatChangePending(false), mWidth(0),
-      mHeight(0), mOutWidth(0), mOutHeight(0), mSwsContext(nullptr), mHwFormat(AV_PIX_FMT_NONE),
+      mHeight(0), mOutWidth(0), mOutHeight(0), mOutStride(0), mOutSliceHeight(0), mPoolBytes(0), mSwsContext(nullptr), mHwFormat(AV_PIX_FMT_NONE),
       mHardwareName(nullptr) {}
 
 FFmpegMediaCodec::~FFmpegMediaCodec() { stop(); }
@@ -58,6 +75,8 @@ bool FFmpegMediaCodec::openDecoder(const MediaFormat* format, bool tryHardware) 
     if (mCodecContext == nullptr) {
         return false;
     }
+    mCodecContext->opaque = this;
+    mCodecContext->get_buffer2 = getBuffer;
     AVCodecContext* ctx = mCodecContext.get();
     ctx->width = mWidth;
     ctx->height = mHeight;
@@ -179,6 +198,7 @@ int FFmpegMediaCodec::configure(const MediaFormat* format, void* /*surface*/, vo
         memset(&b.info, 0, sizeof(b.info));
         b.frame = kavra::makeScopedAVFrame();
         b.packed = false;
+        b.direct = false;
     }
     bool allocated = mFrame != nullptr && mSwFrame != nullptr && mPacket != nullptr;
     for (const Buffer& b : mInputs) {
@@ -195,6 +215,8 @@ int FFmpegMediaCodec::configure(const MediaFormat* format, void* /*surface*/, vo
     }
     mOutWidth = 0;
     mOutHeight = 0;
+    mOutStride = 0;
+    mOutSliceHeight = 0;
     mState = State::Configured;
     return OK;
 }
@@ -258,6 +280,9 @@ void FFmpegMediaCodec::freeCodecLocked() {
     mSwsContext = nullptr;
     mInputs.clear();
     mOutputs.clear();
+    // After the frames that may hold its buffers.
+    mPool.reset();
+    mPoolBytes = 0;
     mFreeInputs.clear();
     mQueuedInputs.clear();
     mFreeOutputs.clear();
@@ -403,6 +428,13 @@ uint8_t* FFmpegMediaCodec::getOutputBuffer(size_t index, size_t* outSize) {
         return nullptr;
     }
     Buffer& out = mOutputs[index];
+    if (out.direct) {
+        // The decoded picture itself, in the announced layout.
+        if (outSize != nullptr) {
+            *outSize = out.frame->buf[0]->size;
+        }
+        return out.frame->data[0];
+    }
     if (!out.packed && out.info.size > 0) {
         // First access: the picture is laid out in the buffer now, on the
         // client's thread.
@@ -425,13 +457,15 @@ std::unique_ptr<MediaFormat> FFmpegMediaCodec::getOutputFormat() {
     // Before the first announcement: the configured size.
     int width = mOutWidth > 0 ? mOutWidth : mWidth;
     int height = mOutHeight > 0 ? mOutHeight : mHeight;
+    int stride = mOutStride > 0 ? mOutStride : width;
+    int sliceHeight = mOutSliceHeight > 0 ? mOutSliceHeight : height;
     std::unique_ptr<MediaFormat> format(new MediaFormat());
     format->setString(MediaFormat::KEY_MIME, "video/raw");
     format->setInt32(MediaFormat::KEY_WIDTH, width);
     format->setInt32(MediaFormat::KEY_HEIGHT, height);
     format->setInt32(MediaFormat::KEY_COLOR_FORMAT, COLOR_FormatYUV420Planar);
-    format->setInt32(MediaFormat::KEY_STRIDE, width);
-    format->setInt32(MediaFormat::KEY_SLICE_HEIGHT, height);
+    format->setInt32(MediaFormat::KEY_STRIDE, stride);
+    format->setInt32(MediaFormat::KEY_SLICE_HEIGHT, sliceHeight);
     return format;
 }
 
@@ -543,6 +577,7 @@ void FFmpegMediaCodec::workerLoop() {
             out.info.flags = BUFFER_FLAG_END_OF_STREAM;
             av_frame_unref(out.frame.get());
             out.packed = true;
+            out.direct = false;
             out.owner = Owner::Queued;
             mReadyOutputs.push_back(index);
             mClientCond.notify_all();
@@ -558,16 +593,20 @@ void FFmpegMediaCodec::workerLoop() {
 
 bool FFmpegMediaCodec::emitFrame() {
     AVFrame* frame = mFrame.get();
-    if (frame->width != mOutWidth || frame->height != mOutHeight) {
-        // A new size: every output buffer must be back (and the buffers of
-        // the old size delivered) before the new format is announced and the
-        // pool grown if needed.
+    int stride = frame->width;
+    int sliceHeight = frame->height;
+    bool direct = directLayout(frame, &stride, &sliceHeight);
+    if (frame->width != mOutWidth || frame->height != mOutHeight || stride != mOutStride ||
+        sliceHeight != mOutSliceHeight) {
+        // A new size or layout: every output buffer must be back (and the
+        // buffers of the old one delivered) before the new format is
+        // announced and the packing pool grown if needed.
         for (const Buffer& b : mOutputs) {
             if (b.owner != Owner::Codec) {
                 return false;
             }
         }
-        if (!allocateOutputs(frame->width, frame->height)) {
+        if (!direct && !allocateOutputs(frame->width, frame->height)) {
             __android_log_print(ANDROID_LOG_ERROR, kTag, "no output buffers for %dx%d", frame->width, frame->height);
             av_frame_unref(frame);
             mHaveFrame = false;
@@ -575,6 +614,8 @@ bool FFmpegMediaCodec::emitFrame() {
         }
         mOutWidth = frame->width;
         mOutHeight = frame->height;
+        mOutStride = stride;
+        mOutSliceHeight = sliceHeight;
         mFormatChangePending = true;
         mClientCond.notify_all();
     }
@@ -585,16 +626,82 @@ bool FFmpegMediaCodec::emitFrame() {
     mFreeOutputs.pop_front();
     Buffer& out = mOutputs[index];
     out.info.offset = 0;
-    out.info.size = static_cast<int32_t>(pictureBytes(frame->width, frame->height));
+    out.info.size = static_cast<int32_t>(direct ? layoutBytes(stride, sliceHeight)
+                                                : pictureBytes(frame->width, frame->height));
     out.info.presentationTimeUs = frame->best_effort_timestamp;
     out.info.flags = 0;
     av_frame_unref(out.frame.get());
     av_frame_move_ref(out.frame.get(), frame);
-    out.packed = false;
+    out.packed = direct;
+    out.direct = direct;
     mHaveFrame = false;
     out.owner = Owner::Queued;
     mReadyOutputs.push_back(index);
     mClientCond.notify_all();
+    return true;
+}
+
+int FFmpegMediaCodec::getBuffer(AVCodecContext* ctx, AVFrame* frame, int flags) {
+    FFmpegMediaCodec* self = static_cast<FFmpegMediaCodec*>(ctx->opaque);
+    if (self == nullptr || ctx->hw_frames_ctx != nullptr || !isPlanar420(frame->format) ||
+        !(ctx->codec->capabilities & AV_CODEC_CAP_DR1)) {
+        return avcodec_default_get_buffer2(ctx, frame, flags);
+    }
+    // The decoder writes whole macroblocks, and its motion compensation
+    // reads a row or two past them: the sizes it asks for cover both.
+    int width = frame->width;
+    int height = frame->height;
+    int lineAlign[AV_NUM_DATA_POINTERS];
+    avcodec_align_dimensions2(ctx, &width, &height, lineAlign);
+    int align = kMinStrideAlign;
+    for (int i = 0; i < 3; ++i) {
+        align = std::max(align, 2 * lineAlign[i]);
+    }
+    int stride = FFALIGN(width, align);
+    int sliceHeight = FFALIGN(height, 2);
+    size_t bytes = layoutBytes(stride, sliceHeight) + kPicturePadding;
+    if (self->mPool == nullptr || self->mPoolBytes != bytes) {
+        self->mPool.reset(av_buffer_pool_init(bytes, av_buffer_allocz));
+        self->mPoolBytes = self->mPool != nullptr ? bytes : 0;
+    }
+    AVBufferRef* buf = self->mPool != nullptr ? av_buffer_pool_get(self->mPool.get()) : nullptr;
+    if (buf == nullptr) {
+        return AVERROR(ENOMEM);
+    }
+    size_t luma = static_cast<size_t>(stride) * static_cast<size_t>(sliceHeight);
+    frame->buf[0] = buf;
+    frame->data[0] = buf->data;
+    frame->data[1] = buf->data + luma;
+    frame->data[2] = buf->data + luma + luma / 4;
+    frame->linesize[0] = stride;
+    frame->linesize[1] = stride / 2;
+    frame->linesize[2] = stride / 2;
+    frame->extended_data = frame->data;
+    return 0;
+}
+
+bool FFmpegMediaCodec::directLayout(const AVFrame* frame, int* stride, int* sliceHeight) {
+    // Only getBuffer's pictures pass: one buffer, the planes back to back
+    // from its start, chroma rows half as long. A picture cropped at the
+    // top or left starts inside its buffer and is packed instead.
+    const AVBufferRef* buf = frame->buf[0];
+    if (!isPlanar420(frame->format) || frame->hw_frames_ctx != nullptr || buf == nullptr ||
+        frame->buf[1] != nullptr || frame->data[0] != buf->data || frame->linesize[0] <= 0 ||
+        frame->linesize[0] % 2 != 0 || frame->linesize[1] != frame->linesize[0] / 2 ||
+        frame->linesize[2] != frame->linesize[1] || frame->linesize[0] < frame->width) {
+        return false;
+    }
+    ptrdiff_t luma = frame->data[1] - frame->data[0];
+    if (luma <= 0 || luma % frame->linesize[0] != 0) {
+        return false;
+    }
+    ptrdiff_t rows = luma / frame->linesize[0];
+    if (rows % 2 != 0 || rows < frame->height || frame->data[2] - frame->data[1] != luma / 4 ||
+        layoutBytes(frame->linesize[0], static_cast<int>(rows)) > buf->size) {
+        return false;
+    }
+    *stride = frame->linesize[0];
+    *sliceHeight = static_cast<int>(rows);
     return true;
 }
 

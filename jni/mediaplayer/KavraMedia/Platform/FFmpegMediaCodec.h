@@ -13,12 +13,15 @@
 // contract, working on a thread of its own as a hardware codec would. It
 // takes Annex B input (parameter sets from "csd-0" and "csd-1", or in
 // band), announces the output format before its first output buffer, and
-// hands out tightly packed planar YUV 4:2:0 pictures (colour format 19: Y,
-// then U, then V) from a fixed pool allocated when the format is known.
-// Like a hardware block writing its output by DMA, the decoding thread
-// never spends time on that layout: an output buffer carries a reference
-// to the decoded picture, packed into the buffer's bytes on the client's
-// thread when the client asks for them.
+// hands out planar YUV 4:2:0 pictures (colour format 19: Y, then U, then V;
+// the format's stride is the bytes per luma row and its slice height the
+// luma rows per plane, the chroma planes having half of each).
+// Like a hardware block writing its output by DMA, the software decoder
+// writes its pictures straight into buffers of that layout, so an output
+// buffer is the decoded picture itself and nothing is copied. Pictures that
+// cannot be decoded so (a hardware decoder's, or another pixel format) are
+// packed tightly (stride = width) into a fixed pool allocated when the
+// format is known, on the client's thread when it asks for the bytes.
 // Presentation times pass through unchanged. A hardware decoder is used
 // through FFmpeg where the machine offers one, FFmpeg's software decoder
 // otherwise.
@@ -65,12 +68,14 @@ private:
         size_t capacity;
         Owner owner;
         MediaCodecBufferInfo info;
-        // Output only: the decoded picture, and whether it has been packed
-        // into `data`. The reference is dropped only on the worker thread
+        // Output only: the decoded picture, whether it has been packed
+        // into `data`, and whether it needs no packing because it was
+        // decoded in the announced layout. The reference is dropped only on the worker thread
         // (when the buffer is reused, or at a flush), so that the decoder's
         // recycling of picture memory is ordered after every read of it.
         kavra::ScopedAVFrame frame;
         bool packed;
+        bool direct;
     };
 
     void workerLoop();
@@ -91,6 +96,13 @@ private:
     template <typename Ready>
     void waitClient(std::unique_lock<std::mutex>& lock, int64_t timeoutUs, Ready ready);
     static AVPixelFormat pickFormat(AVCodecContext* ctx, const AVPixelFormat* formats);
+    // The decoder's picture allocator: software 4:2:0 pictures in one
+    // buffer laid out as the output buffers are, everything else FFmpeg's
+    // own way. Runs on the worker thread only.
+    static int getBuffer(AVCodecContext* ctx, AVFrame* frame, int flags);
+    // True when `frame` lies in one buffer in the output layout; gives its
+    // stride and slice height.
+    static bool directLayout(const AVFrame* frame, int* stride, int* sliceHeight);
 
     const AVCodecID mCodecId;
     std::mutex mLock;
@@ -120,8 +132,14 @@ private:
     int mHeight;
     int mOutWidth;
     int mOutHeight;
+    // Layout last announced.
+    int mOutStride;
+    int mOutSliceHeight;
 
     kavra::ScopedAVCodecContext mCodecContext;
+    // Picture buffers of getBuffer, all of mPoolBytes; the worker's alone.
+    kavra::ScopedAVBufferPool mPool;
+    size_t mPoolBytes;
     kavra::ScopedAVFrame mFrame;
     kavra::ScopedAVFrame mSwFrame;
     kavra::ScopedAVPacket mPacket;
