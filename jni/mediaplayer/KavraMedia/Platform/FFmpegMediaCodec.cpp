@@ -44,8 +44,8 @@ bool isPlanar420(int format) { return format == AV_PIX_FMT_YUV420P || format == 
 FFmpegMediaCodec::FFmpegMediaCodec(AVCodecID codecId)
     : mCodecId(codecId), mState(State::Uninitialized), mPhase(Phase::Input), mFlushRequested(false),
       mStopRequested(false), mEndQueued(false), mHaveFrame(false), mFormatChangePending(false), mWidth(0),
-      mHeight(0), mOutWidth(0), mOutHeight(0), mOutStride(0), mOutSliceHeight(0), mPoolBytes(0), mSwsContext(nullptr), mHwFormat(AV_PIX_FMT_NONE),
-      mHardwareName(nullptr) {}
+      mHeight(0), mOutWidth(0), mOutHeight(0), mOutStride(0), mOutSliceHeight(0), mPoolBytes(0),
+      mSwsContext(nullptr), mHwFormat(AV_PIX_FMT_NONE), mHardwareName(nullptr) {}
 
 FFmpegMediaCodec::~FFmpegMediaCodec() { stop(); }
 
