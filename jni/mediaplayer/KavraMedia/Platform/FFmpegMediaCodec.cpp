@@ -632,7 +632,7 @@ bool FFmpegMediaCodec::emitFrame() {
     out.info.flags = 0;
     av_frame_unref(out.frame.get());
     av_frame_move_ref(out.frame.get(), frame);
-    out.packed = direct;
+    out.packed = false;
     out.direct = direct;
     mHaveFrame = false;
     out.owner = Owner::Queued;
