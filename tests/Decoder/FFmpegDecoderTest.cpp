@@ -94,6 +94,7 @@ INSTANTIATE_TEST_SUITE_P(
                       StreamCase{"h264_aac_rot90.mp4", "v", -1},
                       StreamCase{"h264_aac_rot90.mp4", "a", -1},
                       StreamCase{"video_only.mp4", "v", -1},
+                      StreamCase{"h264_crop.mp4", "v", -1},
                       StreamCase{"audio_only.m4a", "a", -1},
                       StreamCase{"with_subtitle.mp4", "v", -1},
                       StreamCase{"with_subtitle.mp4", "a", -1},

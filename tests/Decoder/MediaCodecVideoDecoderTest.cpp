@@ -62,7 +62,8 @@ TEST_P(MediaCodecVideoDecoderStream, DeliversExactlyTheSoftwareDecodersFrames) {
 
 INSTANTIATE_TEST_SUITE_P(H264Fixtures, MediaCodecVideoDecoderStream,
                          ::testing::Values("h264_aac.mp4", "h264_aac_rot90.mp4", "video_only.mp4",
-                                           "with_subtitle.mp4", "two_audio.mp4", "late_start.ts", "bad_rotate.mkv", "truncated.mp4"),
+                                           "with_subtitle.mp4", "two_audio.mp4", "late_start.ts", "bad_rotate.mkv", "truncated.mp4",
+                                           "h264_crop.mp4"),
                          [](const ::testing::TestParamInfo<const char*>& info) {
                              std::string name = info.param;
                              for (char& c : name) {
