@@ -169,11 +169,12 @@ struct RingWait {
 };
 
 // The reference, with the engine's threading: the plain loop on a thread
-// started for the run (as the engine starts its decoding thread, so both
-// decode with a fresh thread's memory), each frame moved into one of five
-// slots that a consumer thread takes in order. No locks: two counters on cache lines of their own, and
-// each side waits as the engine's queue does (RingWait). `perFrame` sees
-// every frame on the consumer thread. Returns the frame count.
+// started for the run, as the engine starts its decoding thread (so neither
+// side decodes on the long-lived main thread), each frame moved into one of
+// five slots that a consumer thread takes in order. No locks: two counters
+// on cache lines of their own, and each side waits as the engine's queue
+// does (RingWait). `perFrame` sees every frame on the consumer thread.
+// Returns the frame count.
 template <typename PerFrame>
 int plainPipeline(const Clip& clip, PerFrame perFrame) {
     constexpr long kSlots = 5;
