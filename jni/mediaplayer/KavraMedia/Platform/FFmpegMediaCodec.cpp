@@ -75,9 +75,10 @@ bool FFmpegMediaCodec::openDecoder(const MediaFormat* format, bool tryHardware) 
     if (mCodecContext == nullptr) {
         return false;
     }
-    mCodecContext->opaque = this;
-    mCodecContext->get_buffer2 = getBuffer;
     AVCodecContext* ctx = mCodecContext.get();
+    // Both callbacks (getBuffer, pickFormat) find this codec through it.
+    ctx->opaque = this;
+    ctx->get_buffer2 = getBuffer;
     ctx->width = mWidth;
     ctx->height = mHeight;
     // Codec-specific data (parameter sets in Annex B form) become the
@@ -120,7 +121,6 @@ bool FFmpegMediaCodec::openDecoder(const MediaFormat* format, bool tryHardware) 
             AVBufferRef* device = nullptr;
             if (av_hwdevice_ctx_create(&device, config->device_type, nullptr, nullptr, 0) == 0) {
                 ctx->hw_device_ctx = device;
-                ctx->opaque = this;
                 ctx->get_format = pickFormat;
                 mHwFormat = config->pix_fmt;
                 mHardwareName = av_hwdevice_get_type_name(config->device_type);

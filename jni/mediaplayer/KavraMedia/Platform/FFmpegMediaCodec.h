@@ -70,9 +70,10 @@ private:
         MediaCodecBufferInfo info;
         // Output only: the decoded picture, whether it has been packed
         // into `data`, and whether it needs no packing because it was
-        // decoded in the announced layout. The reference is dropped only on the worker thread
-        // (when the buffer is reused, or at a flush), so that the decoder's
-        // recycling of picture memory is ordered after every read of it.
+        // decoded in the announced layout. The reference is dropped only
+        // on the worker thread (when the buffer is reused, or at a flush),
+        // so that the decoder's recycling of picture memory is ordered
+        // after every read of it.
         kavra::ScopedAVFrame frame;
         bool packed;
         bool direct;
