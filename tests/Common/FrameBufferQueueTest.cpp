@@ -308,6 +308,11 @@ TEST(FrameBufferQueueWaits, SizeCorrectionsWakeAWaiter) {
     q.release();
 }
 
+// Every wait is bounded and must end in success, so a wake-up lost on either
+// side fails the test instead of passing after a retry. Now and then the
+// consumer holds a slot for longer than either side watches the ring before
+// it sleeps, so that the producer really sleeps on a full ring and must be
+// woken by a release.
 TEST(FrameBufferQueueThreads, OneProducerOneConsumerSeeEveryFrameInOrder) {
     FrameBufferQueue q;
     ASSERT_EQ(q.create(5), 0);
@@ -318,13 +323,18 @@ TEST(FrameBufferQueueThreads, OneProducerOneConsumerSeeEveryFrameInOrder) {
         for (int i = 0; i < kFrames; ++i) {
             ScopedAVFrame src = makeFrame(32, 32, static_cast<uint8_t>(i));
             FrameBuffer s = stagingFor(src.get(), FRAME_BUFFER_FRAME, i);
-            if (q.queueInputBuffer(&s, -1) != 0) {
+            if (q.queueInputBuffer(&s, 5000) != 0) {
                 return false;
             }
         }
         return true;
     });
     for (int i = 0; i < kFrames; ++i) {
+        if (i % 25 == 0) {
+            auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(1);
+            while (std::chrono::steady_clock::now() < until) {
+            }
+        }
         int index = q.dequeueOutputBufferIndex(5000);
         ASSERT_GE(index, 0);
         FrameBuffer* slot = q.getBuffer(index);

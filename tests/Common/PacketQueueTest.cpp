@@ -210,16 +210,20 @@ TEST(PacketQueueDestruction, FreesWhatIsStillQueuedAndSaysSo) {
     EXPECT_EQ(log.messages("PacketQueue"), std::vector<std::string>{"~PacketQueue"});
 }
 
+// Both sides wait with a bound and must succeed: with four packets at most
+// in the queue, the producer keeps waiting for room and the consumer for
+// packets, so a wake-up lost on either side fails the test.
 TEST_F(PacketQueueTest, ProducerAndConsumerThreadsPassEveryPacketOnce) {
     queue.setMaxNum(4);
     constexpr int kPackets = 2000;
     auto producer = std::async(std::launch::async, [&] {
         for (int i = 0; i < kPackets; ++i) {
             ScopedAVPacket pkt = makePacket(16, static_cast<uint8_t>(i), i);
-            while (queue.put(pkt.get(), 5) == -2) {
+            if (queue.put(pkt.get(), 5000) != 0) {
+                return -1;
             }
         }
-        return queue.put(&queue.endPacket, -1);
+        return queue.put(&queue.endPacket, 5000);
     });
     int64_t expected = 0;
     for (;;) {

@@ -28,7 +28,12 @@ enum FrameBufferType {
 // One decoded frame: a slot of a FrameBufferQueue, or the staging record a
 // producer hands to it. A record whose `size` is 0 is the end-of-stream
 // marker. Times are milliseconds.
-struct FrameBuffer {
+//
+// A slot is written on the decoding thread and read on the rendering thread
+// for every frame. Aligned to a cache line, its handles (type, data, frame)
+// share no line with the figures that change per frame (from durationMs
+// on), so that only those travel between the two cores.
+struct alignas(64) FrameBuffer {
     int type;
     // Type 1: the AVFrame; type 2: &picture; type 3: the byte buffer.
     void* data;
@@ -47,6 +52,8 @@ struct FrameBuffer {
     // 1 when the queue allocated the payload and frees it on release().
     int owned;
 };
+
+static_assert(offsetof(FrameBuffer, durationMs) % 64 == 0, "per-frame figures start a cache line");
 
 // The picture a frame buffer's data points at (types 1 and 2).
 inline const Picture* pictureOf(const FrameBuffer* buffer) {

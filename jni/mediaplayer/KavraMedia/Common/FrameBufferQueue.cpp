@@ -22,8 +22,8 @@ int pictureBytes(int format, int width, int height) {
 }  // namespace
 
 FrameBufferQueue::FrameBufferQueue()
-    : capacity(0), reserved(0), size(0), readIndex(0), writeIndex(0), format(0), width(0), height(0),
-      dataSize(0), created(false), bufferType(0), buffers(nullptr), aborted(true), outputHeld(false) {}
+    : capacity(0), reserved(0), readIndex(0), writeIndex(0), format(0), width(0), height(0), dataSize(0),
+      created(false), bufferType(0), size(0), buffers(nullptr), aborted(true), outputHeld(false) {}
 
 FrameBufferQueue::~FrameBufferQueue() {
     // Owners release() first; doing it again here is harmless and makes sure
@@ -206,7 +206,11 @@ int FrameBufferQueue::putInner(const FrameBuffer* src) {
             return -1;
         }
     }
-    slot->type = src->type;
+    // The type rarely changes; writing it only when it does keeps the
+    // slot's handle line unshared.
+    if (slot->type != src->type) {
+        slot->type = src->type;
+    }
     slot->ptsMs = src->ptsMs;
     slot->size = src->size;
     slot->format = src->format;
@@ -236,10 +240,20 @@ int FrameBufferQueue::putInner(const FrameBuffer* src) {
         }
     }
     writeIndex = (writeIndex + 1) % capacity;
-    NativeMutexLock lock(stateMutex);
-    size += 1;
-    condition.notifyOne();
+    {
+        NativeMutexLock lock(stateMutex);
+        size += 1;
+    }
+    wakeOne();
     return 0;
+}
+
+void FrameBufferQueue::wakeOne() {
+    // Called after stateMutex is given back: a waiter woken while the lock
+    // is still held would only block on it again at once. The count changed
+    // under the lock, and a waiter tests it under the lock before it sleeps,
+    // so no wake-up is lost.
+    condition.notifyOne();
 }
 
 int FrameBufferQueue::dequeueOutputBufferIndex(int timeoutMs) {
@@ -299,8 +313,8 @@ int FrameBufferQueue::releaseOutputBuffer() {
     {
         NativeMutexLock lock(stateMutex);
         size -= 1;
-        condition.notifyOne();
     }
+    wakeOne();
     outputMutex.unlock();
     return 0;
 }

@@ -67,6 +67,8 @@ private:
     int putInner(const FrameBuffer* src);
     int finishDequeue(bool stateLocked);
     void releaseLocked();
+    // Wakes one waiter after a change of `size`.
+    void wakeOne();
     // Watches the ring without a lock for a short while, as long as
     // `blocked()` holds and the queue is not aborted; true when `blocked()`
     // stopped holding. Short frames (audio decodes in a few microseconds)
@@ -90,9 +92,6 @@ private:
     int capacity;
     // Slots withheld from the producer; nothing changes it.
     int reserved;
-    // Filled slots not yet released; changed under stateMutex, read without
-    // it on the fast paths.
-    alignas(kCacheLine) std::atomic<int> size;
     // Consumer side (and flush, under outputMutex).
     alignas(kCacheLine) std::atomic<int> readIndex;
     // Producer side (and flush).
@@ -107,6 +106,10 @@ private:
     alignas(kCacheLine) NativeMutex outputMutex;
     // Guards size changes, aborted, creation and release.
     alignas(kCacheLine) NativeMutex stateMutex;
+    // Filled slots not yet released; changed under stateMutex, read without
+    // it on the fast paths. It shares the lock's cache line, so that taking
+    // the lock to change it fetches both at once.
+    std::atomic<int> size;
     NativeCondition condition;
     alignas(kCacheLine) FrameBuffer** buffers;
     std::atomic<bool> aborted;

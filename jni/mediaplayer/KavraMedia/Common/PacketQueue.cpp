@@ -58,14 +58,29 @@ int PacketQueue::put(AVPacket* pkt, int timeoutMs) {
     if (pkt == nullptr) {
         return -1;
     }
-    NativeMutexLock lock(mLock);
-    // Make the payload the queue's own unless it already is reference
-    // counted; markers keep their static data so they stay recognisable.
-    if (!isMarker(pkt) && av_packet_make_refcounted(pkt) < 0) {
-        __android_log_print(ANDROID_LOG_ERROR, kTag, "av_dup_packet error");
-        return -1;
+    // The node is allocated before the lock is taken, so that the consumer
+    // never waits on an allocation; a node left unused is freed after the
+    // lock is given back. The waiter is woken after that too: woken while
+    // the lock is still held, it would only block on it again at once.
+    Node* spare = static_cast<Node*>(av_malloc(sizeof(Node)));
+    int ret;
+    {
+        NativeMutexLock lock(mLock);
+        // Make the payload the queue's own unless it already is reference
+        // counted; markers keep their static data so they stay
+        // recognisable.
+        if (!isMarker(pkt) && av_packet_make_refcounted(pkt) < 0) {
+            __android_log_print(ANDROID_LOG_ERROR, kTag, "av_dup_packet error");
+            ret = -1;
+        } else {
+            ret = putLocked(pkt, timeoutMs, spare);
+        }
     }
-    return putInner(pkt, timeoutMs);
+    if (ret == 0) {
+        mCond.notifyOne();
+    }
+    av_free(spare);
+    return ret;
 }
 
 bool PacketQueue::hasRoomLocked(const AVPacket* pkt) const {
@@ -73,6 +88,15 @@ bool PacketQueue::hasRoomLocked(const AVPacket* pkt) const {
 }
 
 int PacketQueue::putInner(AVPacket* pkt, int timeoutMs) {
+    Node* none = nullptr;
+    int ret = putLocked(pkt, timeoutMs, none);
+    if (ret == 0) {
+        mCond.notifyOne();
+    }
+    return ret;
+}
+
+int PacketQueue::putLocked(AVPacket* pkt, int timeoutMs, Node*& spare) {
     if (abortRequest) {
         return -3;
     }
@@ -96,7 +120,8 @@ int PacketQueue::putInner(AVPacket* pkt, int timeoutMs) {
         return -2;
     }
 
-    Node* node = static_cast<Node*>(av_malloc(sizeof(Node)));
+    Node* node = spare != nullptr ? spare : static_cast<Node*>(av_malloc(sizeof(Node)));
+    spare = nullptr;
     if (node == nullptr) {
         __android_log_print(ANDROID_LOG_ERROR, kTag, "av_malloc error");
         return -1;
@@ -116,7 +141,6 @@ int PacketQueue::putInner(AVPacket* pkt, int timeoutMs) {
     last = node;
     size += node->pkt.size + kNodeOverhead;
     count += 1;
-    mCond.notifyOne();
     return 0;
 }
 
@@ -124,11 +148,32 @@ int PacketQueue::get(AVPacket* out, int timeoutMs) {
     if (out == nullptr) {
         return -1;
     }
-    NativeMutexLock lock(mLock);
-    return getInner(out, timeoutMs);
+    // The emptied node is freed, and the waiter woken, after the lock is
+    // given back, so that the producer never waits on the allocator.
+    Node* done = nullptr;
+    int ret;
+    {
+        NativeMutexLock lock(mLock);
+        ret = getLocked(out, timeoutMs, done);
+    }
+    if (ret == 0) {
+        mCond.notifyOne();
+    }
+    av_free(done);
+    return ret;
 }
 
 int PacketQueue::getInner(AVPacket* out, int timeoutMs) {
+    Node* done = nullptr;
+    int ret = getLocked(out, timeoutMs, done);
+    if (ret == 0) {
+        mCond.notifyOne();
+    }
+    av_free(done);
+    return ret;
+}
+
+int PacketQueue::getLocked(AVPacket* out, int timeoutMs, Node*& done) {
     if (abortRequest) {
         return -3;
     }
@@ -160,8 +205,7 @@ int PacketQueue::getInner(AVPacket* out, int timeoutMs) {
     count -= 1;
     size -= node->pkt.size + kNodeOverhead;
     *out = node->pkt;
-    av_freep(&node);
-    mCond.notifyOne();
+    done = node;
     return 0;
 }
 

@@ -71,6 +71,13 @@ private:
         Node* next;
     };
 
+    // putInner with a node allocated beforehand (null: allocate one here),
+    // without the wake-up. `spare` is cleared when its node joins the list;
+    // otherwise the caller still owns it.
+    int putLocked(AVPacket* pkt, int timeoutMs, Node*& spare);
+    // getInner without the wake-up, leaving the emptied node in `done` for
+    // the caller to free.
+    int getLocked(AVPacket* out, int timeoutMs, Node*& done);
     bool hasRoomLocked(const AVPacket* pkt) const;
     void freeNodesLocked();
     bool isMarker(const AVPacket* pkt) const { return isEndPacket(pkt) || isFlushPacket(pkt); }

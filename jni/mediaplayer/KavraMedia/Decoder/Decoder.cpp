@@ -58,12 +58,16 @@ void Decoder::onFlushRequested() {
     updateStatus(DECODER_STATUS_FLUSHED);
 }
 
-int Decoder::getStatus() {
-    std::lock_guard<std::mutex> lock(mStatusMutex);
-    return mStatus;
-}
+int Decoder::getStatus() { return mStatus; }
 
 int Decoder::waitFor(int mask) {
+    // The decoding thread asks before every packet; while the status already
+    // lies inside the mask it need not take the lock that the feeding
+    // thread takes for every packet.
+    int status = mStatus;
+    if ((status & ~mask) == 0) {
+        return 1;
+    }
     std::unique_lock<std::mutex> lock(mStatusMutex);
     for (;;) {
         if ((mStatus & ~mask) == 0) {
@@ -78,7 +82,9 @@ int Decoder::waitFor(int mask) {
 
 void Decoder::updateStatus(int status) {
     std::lock_guard<std::mutex> lock(mStatusMutex);
-    if (!isFinal(mStatus)) {
+    // Stored only when it changes: every packet fed sets RUNNING again, and
+    // a store would take the status' cache line from the decoding thread.
+    if (!isFinal(mStatus) && mStatus != status) {
         mStatus = status;
     }
     mStatusCond.notify_all();

@@ -93,7 +93,9 @@ protected:
     std::thread mThread;
     std::mutex mStatusMutex;
     std::condition_variable mStatusCond;
-    int mStatus;
+    // Changed only under mStatusMutex, so that a waiter cannot miss a
+    // change; read without it.
+    std::atomic<int> mStatus;
     // Serialises flush() calls.
     NativeMutex mFlushMutex;
     // The staging record handed to the output queue.
