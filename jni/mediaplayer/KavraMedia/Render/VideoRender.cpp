@@ -57,6 +57,7 @@ VideoRender::VideoRender()
       mRotation(0),
       mFrameReady(false),
       mRunning(false),
+      mPicturePtsMs(0),
       mRenderThread(),
       mThreadStarted(false) {}
 
@@ -190,6 +191,7 @@ int VideoRender::renderFrame(FrameBuffer* frame, int delayMs) {
                            const_cast<const unsigned char**>(src->data), mWidth, mHeight, src->linesize,
                            mPixelFormat, 0);
     }
+    mPicturePtsMs = frame->ptsMs;
     mFrameReady = true;
     int64_t elapsedMs = (av_gettime() - t0) / 1000;
     if (elapsedMs < delayMs) {
@@ -247,10 +249,17 @@ void VideoRender::renderLoop() {
         if (mHeight >= 1) {
             copyPicture(pDstBuffer, buffer);
         }
+        // A picture shown again carries no time of its own.
+        int64_t timestampNs =
+            mFrameReady ? static_cast<int64_t>(mPicturePtsMs) * 1000000 : NATIVE_WINDOW_TIMESTAMP_AUTO;
         mFrameReady = false;
         mLock.unlock();
 
         checkWindowCall(211, kMapperUnlock, window->unlockBuffer(buffer));
+        err = window->setBuffersTimestamp(timestampNs);
+        if (err != 0) {
+            __android_log_print(ANDROID_LOG_ERROR, kTag, "native_window_set_buffers_timestamp error:%d", err);
+        }
         err = window->queueBuffer(buffer, -1);
         if (err != 0) {
             __android_log_print(ANDROID_LOG_ERROR, kTag, "renderYUV->queueBuffer error:%d", err);

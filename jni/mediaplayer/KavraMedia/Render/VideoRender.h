@@ -79,6 +79,8 @@ private:
     std::atomic<bool> mRunning;
     // Staging picture, unpadded planar YUV 4:2:0; contents under mLock.
     PicturePtr mPicture;
+    // Presentation time of the frame in the staging picture; under mLock.
+    int mPicturePtsMs;
     FFmpegVideoConverter mConverter;
     pthread_t mRenderThread;
     // A presentation thread was started and not joined yet.
