@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <string>
 #include <thread>
@@ -152,7 +153,9 @@ bool parseOptions(const std::vector<std::string>& args, Options* o) {
 // One playback: the player, what it plays into, and the log of it.
 class Session {
 public:
-    Session(const Options& options, PcmSink* sound) : mOptions(options), mSound(sound), mLog(Clock::now()) {}
+    // `setSoundSpeed` tells the sound device the playback speed.
+    Session(const Options& options, PcmSink* sound, std::function<void(double)> setSoundSpeed)
+        : mOptions(options), mSound(sound), mSetSoundSpeed(std::move(setSoundSpeed)), mLog(Clock::now()) {}
 
     // Opens and prepares; on failure prints the one-line error.
     bool open(const std::shared_ptr<NativeWindow>& window, int audioTracks) {
@@ -172,8 +175,7 @@ public:
             mPlayer.setAudioPlay(std::unique_ptr<PcmSink>(new ForwardingSink(mSound)));
         }
         mPlayer.setLooping(mOptions.loop);
-        mPlayer.setPlaySpeed(static_cast<float>(mOptions.speed));
-        mSpeed = mOptions.speed;
+        setSpeed(mOptions.speed);
         if (mPlayer.prepare() != 0 || mLog.failed()) {
             tool::fail(mOptions.path, "the player cannot prepare it");
             return false;
@@ -221,6 +223,7 @@ public:
     }
     void setSpeed(double speed) {
         mSpeed = speed;
+        mSetSoundSpeed(speed);
         mPlayer.setPlaySpeed(static_cast<float>(speed));
     }
     void setTrack(int track) {
@@ -254,6 +257,8 @@ public:
     // Stops and frees the player; the sound device must be stopped first.
     int finish() {
         mLog.markEnd();
+        mStartMs = mPlayer.getStartTime();
+        mDurationMs = mPlayer.getDuration();
         mPlayer.stop();
         VideoRender* video = mPlayer.getRenderManager().getVideoRender();
         int dropped = video != nullptr ? video->getDroppedFrames() : 0;
@@ -264,11 +269,14 @@ public:
     KavraMediaPlayer& player() { return mPlayer; }
     PlaybackLog& log() { return mLog; }
     double speed() const { return mSpeed; }
+    int startMs() const { return mStartMs; }
+    int durationMs() const { return mDurationMs; }
     bool hasVideo() const { return mHasVideo; }
 
 private:
     const Options& mOptions;
     PcmSink* mSound;
+    std::function<void(double)> mSetSoundSpeed;
     PlaybackLog mLog;
     KavraMediaPlayer mPlayer;
     Clock::time_point mStartTime;
@@ -278,6 +286,8 @@ private:
     double mSpeed = 1.0;
     bool mHasVideo = false;
     bool mHasAudio = false;
+    int mStartMs = 0;
+    int mDurationMs = 0;
     uint64_t mStallFrames = 0;
     double mStallSound = -1;
     Clock::time_point mStallSince;
@@ -285,7 +295,7 @@ private:
 
 int playHeadless(const Options& o, int audioTracks) {
     VirtualAudioDevice sound;
-    Session session(o, &sound);
+    Session session(o, &sound, [&sound](double speed) { sound.setSpeed(speed); });
     PlaybackLog* log = &session.log();
     log->setAudioPosition([&sound](double* ms) { return sound.playingPtsMs(ms); });
     auto window = std::make_shared<CountingNativeWindow>([log](int ptsMs) { log->onFramePresented(ptsMs); });
@@ -312,7 +322,7 @@ int playHeadless(const Options& o, int audioTracks) {
     sound.stop();
     int dropped = session.finish();
     if (o.json) {
-        printf("%s\n", log->json(dropped).c_str());
+        printf("%s\n", log->json(dropped, session.startMs(), session.durationMs()).c_str());
     } else {
         printf("%s: %llu frames presented, %s\n", o.path.c_str(), static_cast<unsigned long long>(log->framesPresented()),
                log->completed() ? "played to the end" : stoppedPaused ? "left paused" : "stopped");
@@ -329,7 +339,7 @@ int playHeadless(const Options& o, int audioTracks) {
 #ifdef KAVRA_HAVE_SDL2
 int playInWindow(const Options& o, int audioTracks, int width, int height) {
     SdlAudioSink sound;
-    Session session(o, &sound);
+    Session session(o, &sound, [&sound](double speed) { sound.setSpeed(speed); });
     // A window that fits the screen of a laptop, in display orientation.
     double scale = std::min(1.0, std::min(1280.0 / std::max(width, 1), 720.0 / std::max(height, 1)));
     int w = width > 0 ? static_cast<int>(width * scale) : 640;

@@ -91,10 +91,11 @@ PlaybackLog::Clock::time_point PlaybackLog::lastActivity() const {
     return mLastActivity;
 }
 
-std::string PlaybackLog::json(int framesDropped) const {
+std::string PlaybackLog::json(int framesDropped, int startMs, int durationMs) const {
     std::lock_guard<std::mutex> lock(mMutex);
     tool::Json j;
     j.beginObject();
+    j.field("start_ms", startMs).field("duration_ms", durationMs);
     j.beginArray("events");
     for (const Event& e : mEvents) {
         j.beginObject().field("what", e.what).field("arg1", e.arg1).field("arg2", e.arg2);

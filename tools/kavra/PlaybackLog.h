@@ -40,8 +40,9 @@ public:
     // Position (ms) of the last picture, relative to `startMs`.
     int lastPtsMs() const { return mLastPts.load(); }
 
-    // The whole log as one JSON object.
-    std::string json(int framesDropped) const;
+    // The whole log as one JSON object, with the media's start time (the
+    // origin of seek targets) and duration.
+    std::string json(int framesDropped, int startMs, int durationMs) const;
 
 private:
     struct Event {

@@ -16,7 +16,13 @@ constexpr int kMaxWaitMs = 500;
 }  // namespace
 
 SdlAudioSink::SdlAudioSink()
-    : mDevice(0), mSampleRate(0), mChannels(0), mAudioInitialised(false), mStopped(false),
+    : mDevice(0),
+      mSampleRate(0),
+      mChannels(0),
+      mSpeed(1.0),
+      mOpenSpeed(1.0),
+      mAudioInitialised(false),
+      mStopped(false),
       mFallback(kQueueMs) {
     mAudioInitialised = SDL_InitSubSystem(SDL_INIT_AUDIO) == 0;
 }
@@ -37,15 +43,18 @@ void SdlAudioSink::closeDevice() {
 
 void SdlAudioSink::willDeliver(int ptsMs, int sampleRate, int channels) {
     mFallback.willDeliver(ptsMs, sampleRate, channels);
-    if (!mAudioInitialised || mStopped || (sampleRate == mSampleRate && channels == mChannels)) {
+    const double speed = mSpeed.load();
+    if (!mAudioInitialised || mStopped ||
+        (sampleRate == mSampleRate && channels == mChannels && speed == mOpenSpeed)) {
         return;
     }
     closeDevice();
     mSampleRate = sampleRate;
     mChannels = channels;
+    mOpenSpeed = speed;
     SDL_AudioSpec want;
     SDL_zero(want);
-    want.freq = sampleRate;
+    want.freq = static_cast<int>(sampleRate * speed);
     want.format = AUDIO_S16SYS;
     want.channels = static_cast<Uint8>(channels);
     want.samples = 1024;
@@ -65,7 +74,8 @@ int SdlAudioSink::deliver(const uint8_t* pcm, int size) {
     if (mDevice == 0) {
         return mFallback.deliver(pcm, size);
     }
-    const Uint32 bytesPerMs = static_cast<Uint32>(mSampleRate) * static_cast<Uint32>(mChannels) * 2 / 1000;
+    const Uint32 bytesPerMs =
+        static_cast<Uint32>(mSampleRate * mOpenSpeed) * static_cast<Uint32>(mChannels) * 2 / 1000;
     const Uint32 limit = bytesPerMs * kQueueMs;
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kMaxWaitMs);
     while (!mStopped && SDL_GetQueuedAudioSize(mDevice) > limit && std::chrono::steady_clock::now() < deadline) {
@@ -75,6 +85,11 @@ int SdlAudioSink::deliver(const uint8_t* pcm, int size) {
         return -1;
     }
     return SDL_QueueAudio(mDevice, pcm, static_cast<Uint32>(size)) == 0 ? 0 : -1;
+}
+
+void SdlAudioSink::setSpeed(double speed) {
+    mSpeed = speed;
+    mFallback.setSpeed(speed);
 }
 
 void SdlAudioSink::clear() {

@@ -11,7 +11,7 @@
 
 // Plays PCM through the desktop's sound device. The device is opened at the
 // format of the first chunk and reopened when a chunk comes in another
-// (an audio track switch). A write blocks while the device's queue holds
+// (an audio track switch) or at another speed. A write blocks while the device's queue holds
 // more than a short length of sound, as a device's write does, for a
 // bounded time; stop() cuts it short. Without a usable sound device, the
 // sound goes to a virtual device that keeps the same pace.
@@ -26,6 +26,9 @@ public:
     int deliver(const uint8_t* pcm, int size) override;
     // Ends every wait and silences the device; later writes are dropped.
     void stop();
+    // Plays `speed` times faster (and higher) from the next chunk on, so
+    // the sound keeps pace with the picture at that speed.
+    void setSpeed(double speed);
     // Empties the device's queue (after a seek, or when pausing).
     void clear();
     bool usesSoundCard() const { return mDevice != 0; }
@@ -37,6 +40,9 @@ private:
     std::atomic<uint32_t> mDevice;
     int mSampleRate;
     int mChannels;
+    // Written by the control thread, read on the audio thread.
+    std::atomic<double> mSpeed;
+    double mOpenSpeed;
     bool mAudioInitialised;
     std::atomic<bool> mStopped;
     VirtualAudioDevice mFallback;

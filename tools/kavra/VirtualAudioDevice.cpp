@@ -4,6 +4,7 @@
 
 VirtualAudioDevice::VirtualAudioDevice(int queueMs)
     : mCapacityUs(queueMs * 1000.0),
+      mSpeed(1.0),
       mChunks(),
       mHead(0),
       mCount(0),
@@ -23,7 +24,8 @@ void VirtualAudioDevice::willDeliver(int ptsMs, int sampleRate, int channels) {
 }
 
 void VirtualAudioDevice::advanceLocked(Clock::time_point now) {
-    double elapsedUs = std::chrono::duration<double, std::micro>(now - mLastAdvance).count();
+    // Media time played since the last look.
+    double elapsedUs = std::chrono::duration<double, std::micro>(now - mLastAdvance).count() * mSpeed;
     mLastAdvance = now;
     while (elapsedUs > 0 && mCount > 0) {
         Chunk& front = mChunks[mHead];
@@ -55,12 +57,14 @@ int VirtualAudioDevice::deliver(const uint8_t* /*pcm*/, int size) {
         if (mStopped) {
             return -1;
         }
-        bool fits = mCount == 0 || (mQueuedUs + durationUs <= mCapacityUs && mCount < kMaxChunks);
+        const double capacityUs = mCapacityUs * mSpeed;
+        bool fits = mCount == 0 || (mQueuedUs + durationUs <= capacityUs && mCount < kMaxChunks);
         if (fits) {
             break;
         }
-        double waitUs = mCount < kMaxChunks ? mQueuedUs + durationUs - mCapacityUs
+        double waitUs = mCount < kMaxChunks ? mQueuedUs + durationUs - capacityUs
                                             : mChunks[mHead].durationUs - mChunks[mHead].playedUs;
+        waitUs /= mSpeed;
         mCond.wait_for(lock, std::chrono::microseconds(static_cast<int64_t>(waitUs) + 1));
         advanceLocked(Clock::now());
     }
@@ -84,6 +88,15 @@ bool VirtualAudioDevice::playingPtsMs(double* ptsMs) {
     const Chunk& front = mChunks[mHead];
     *ptsMs = front.ptsMs + front.playedUs / 1000.0;
     return true;
+}
+
+void VirtualAudioDevice::setSpeed(double speed) {
+    std::lock_guard<std::mutex> lock(mMutex);
+    if (speed > 0) {
+        advanceLocked(Clock::now());
+        mSpeed = speed;
+        mCond.notify_all();
+    }
 }
 
 void VirtualAudioDevice::stop() {

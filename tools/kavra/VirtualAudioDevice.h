@@ -10,7 +10,8 @@
 #include "Platform/PcmSink.h"
 
 // A sound device without hardware. PCM handed to it is played at the
-// stream's own sample rate as wall time passes: the playhead runs while
+// stream's own sample rate times the playback speed (as a phone's audio
+// track set to that speed does) as wall time passes: the playhead runs while
 // there is something queued and stands still when the queue runs dry.
 // deliver() blocks while the queue is full, as a device's write does, for
 // at most the time the queued sound takes to play; stop() cuts every wait
@@ -31,6 +32,8 @@ public:
     // True while sound is playing, with the stream time (ms) of the sample
     // at the playhead; false while the device is starved.
     bool playingPtsMs(double* ptsMs);
+    // Plays `speed` times faster than the sample rate from now on.
+    void setSpeed(double speed);
     // Ends every wait; deliveries from now on are dropped.
     void stop();
     // Milliseconds of sound accepted so far.
@@ -50,7 +53,9 @@ private:
     // Under mMutex: moves the playhead to `now`.
     void advanceLocked(Clock::time_point now);
 
+    // Wall time the queue holds; media time is wall time times mSpeed.
     const double mCapacityUs;
+    double mSpeed;
     std::mutex mMutex;
     std::condition_variable mCond;
     // Guarded by mMutex.
