@@ -162,6 +162,7 @@ public:
         mAudioTracks = audioTracks;
         mPlayer.setListener(std::unique_ptr<NativeEventPostListener>(new LogListener(&mLog)));
         mLog.setSeekPending([this] { return mPlayer.isSeekPending(); });
+        mLog.setPlaying([this] { return mPlayer.isPlaying(); });
         if (mPlayer.setDataSource(mOptions.path.c_str()) != 0) {
             tool::fail(mOptions.path, "the player cannot open it");
             return false;

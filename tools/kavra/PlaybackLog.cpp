@@ -62,7 +62,9 @@ void PlaybackLog::onFramePresented(int ptsMs) {
         }
     }
     double audioMs = 0;
-    const bool haveAudio = !pending && mAudioPosition && mAudioPosition(&audioMs);
+    // Picture against sound only while playing: paused, the device may
+    // still be playing out what it had queued.
+    const bool haveAudio = !pending && mPlaying && mPlaying() && mAudioPosition && mAudioPosition(&audioMs);
 
     std::lock_guard<std::mutex> lock(mMutex);
     mFramesPresented += 1;

@@ -22,6 +22,8 @@ public:
     void setAudioPosition(std::function<bool(double*)> position) { mAudioPosition = std::move(position); }
     // Whether a seek is still being carried out by the player.
     void setSeekPending(std::function<bool()> pending) { mSeekPending = std::move(pending); }
+    // Whether the player is playing (not paused, stopped or complete).
+    void setPlaying(std::function<bool()> playing) { mPlaying = std::move(playing); }
 
     void onEvent(int what, int arg1, int arg2);
     // A picture with presentation time ptsMs reached the window.
@@ -64,6 +66,7 @@ private:
     Clock::time_point mEnd;
     std::function<bool(double*)> mAudioPosition;
     std::function<bool()> mSeekPending;
+    std::function<bool()> mPlaying;
     std::atomic<bool> mCompleted{false};
     std::atomic<bool> mFailed{false};
     std::atomic<bool> mPrepared{false};

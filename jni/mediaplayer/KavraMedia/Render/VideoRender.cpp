@@ -38,6 +38,10 @@ void checkWindowCall(int line, const char* expression, int result) {
     }
 }
 
+// How long a producer waits for the presentation thread to take the
+// previous picture before staging over it.
+constexpr int64_t kTakeWaitMs = 100;
+
 void logThreadFinish() { __android_log_print(ANDROID_LOG_ERROR, kTag, "onRender thread finish."); }
 }  // namespace
 
@@ -58,6 +62,7 @@ VideoRender::VideoRender()
       mFrameReady(false),
       mRunning(false),
       mPicturePtsMs(0),
+      mFlushRequested(false),
       mRenderThread(),
       mThreadStarted(false) {}
 
@@ -160,12 +165,17 @@ void VideoRender::stopRenderThread() {
     mRunning = false;
     mLock.lock();
     mCondition.notifyAll();
+    mTakenCondition.notifyAll();
     mLock.unlock();
     pthread_join(mRenderThread, nullptr);
     mThreadStarted = false;
 }
 
-int VideoRender::renderFrame(FrameBuffer* frame, int delayMs) {
+int VideoRender::renderFrame(FrameBuffer* frame, int delayMs) { return stageFrame(frame, delayMs, delayMs < 1); }
+
+int VideoRender::showFrame(FrameBuffer* frame) { return stageFrame(frame, 0, false); }
+
+int VideoRender::stageFrame(FrameBuffer* frame, int delayMs, bool dropWhenBusy) {
     if (frame == nullptr || frame->data == nullptr || frame->size == 0 || !mNativeWindow) {
         return -1;
     }
@@ -174,7 +184,7 @@ int VideoRender::renderFrame(FrameBuffer* frame, int delayMs) {
         return -1;
     }
     int64_t t0 = av_gettime();
-    if (delayMs < 1) {
+    if (dropWhenBusy) {
         if (!mLock.tryLock()) {
             mDroppedFrames += 1;
             return -1;
@@ -182,6 +192,18 @@ int VideoRender::renderFrame(FrameBuffer* frame, int delayMs) {
     } else {
         mLock.lock();
     }
+    // The previous picture is due but the presentation thread has not taken
+    // it yet: staging over it would lose it, so wait (briefly; a copy takes
+    // a few milliseconds, and flush or stop end the wait).
+    int64_t takeDeadline = av_gettime() + kTakeWaitMs * 1000;
+    while (mFrameReady && mRunning && !mFlushRequested) {
+        int64_t leftMs = (takeDeadline - av_gettime()) / 1000;
+        if (leftMs < 1 || !mTakenCondition.wait(mLock, static_cast<long>(leftMs))) {
+            break;
+        }
+    }
+    mFlushRequested = false;
+    mFrameReady = false;
     const Picture* src = pictureOf(frame);
     if (mPixelFormat == AV_PIX_FMT_YUV420P || mPixelFormat == AV_PIX_FMT_YUVJ420P) {
         av_image_copy(mPicture->data, mPicture->linesize, const_cast<const uint8_t**>(src->data), src->linesize,
@@ -192,12 +214,13 @@ int VideoRender::renderFrame(FrameBuffer* frame, int delayMs) {
                            mPixelFormat, 0);
     }
     mPicturePtsMs = frame->ptsMs;
-    mFrameReady = true;
     int64_t elapsedMs = (av_gettime() - t0) / 1000;
     if (elapsedMs < delayMs) {
         mCondition.wait(mLock, static_cast<long>(delayMs - elapsedMs));
     }
-    mCondition.notifyOne();
+    // Due only now: the presentation thread must not take it early.
+    mFrameReady = true;
+    mCondition.notifyAll();
     mLock.unlock();
     return 0;
 }
@@ -205,6 +228,8 @@ int VideoRender::renderFrame(FrameBuffer* frame, int delayMs) {
 void VideoRender::flush() {
     mLock.lock();
     mPendingCount = 0;
+    mFlushRequested = true;
+    mTakenCondition.notifyAll();
     // The presentation thread may be waiting on the same condition; every
     // waiter is woken so that the producer's wait surely ends.
     mCondition.notifyAll();
@@ -253,6 +278,7 @@ void VideoRender::renderLoop() {
         int64_t timestampNs =
             mFrameReady ? static_cast<int64_t>(mPicturePtsMs) * 1000000 : NATIVE_WINDOW_TIMESTAMP_AUTO;
         mFrameReady = false;
+        mTakenCondition.notifyAll();
         mLock.unlock();
 
         checkWindowCall(211, kMapperUnlock, window->unlockBuffer(buffer));
