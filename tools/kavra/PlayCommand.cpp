@@ -339,8 +339,9 @@ int playHeadless(const Options& o, int audioTracks) {
 
 #ifdef KAVRA_HAVE_SDL2
 int playInWindow(const Options& o, int audioTracks, int width, int height) {
-    SdlAudioSink sound;
-    Session session(o, &sound, [&sound](double speed) { sound.setSpeed(speed); });
+    if (getenv("DISPLAY") == nullptr && getenv("WAYLAND_DISPLAY") == nullptr && getenv("SDL_VIDEODRIVER") == nullptr) {
+        return tool::fail("play", "no display (neither DISPLAY nor WAYLAND_DISPLAY is set); use --headless");
+    }
     // A window that fits the screen of a laptop, in display orientation.
     double scale = std::min(1.0, std::min(1280.0 / std::max(width, 1), 720.0 / std::max(height, 1)));
     int w = width > 0 ? static_cast<int>(width * scale) : 640;
@@ -349,6 +350,8 @@ int playInWindow(const Options& o, int audioTracks, int width, int height) {
     if (!window->isOpen()) {
         return tool::fail("play", std::string("cannot open a window: ") + SDL_GetError());
     }
+    SdlAudioSink sound;
+    Session session(o, &sound, [&sound](double speed) { sound.setSpeed(speed); });
     if (!session.open(window, audioTracks)) {
         sound.stop();
         session.finish();
