@@ -77,12 +77,21 @@ TEST_P(PlayCommand, ScriptedSeeksShowTheFrameHoldingTheTarget) {
     ASSERT_FALSE(frames.empty());
     const std::vector<double> shown = jsonNumbers(r.output, "shown_pts_ms");
     ASSERT_EQ(shown.size(), targets.size()) << r.output;
+    std::vector<double> expected;
+    for (int t : targets) {
+        auto after = std::upper_bound(frames.begin(), frames.end(), startMs + t);
+        expected.push_back(after == frames.begin() ? frames.front() : *(after - 1));
+    }
     for (size_t i = 0; i < targets.size(); ++i) {
-        const double target = startMs + targets[i];
-        auto after = std::upper_bound(frames.begin(), frames.end(), target);
-        double expected = after == frames.begin() ? frames.front() : *(after - 1);
-        // Frame times reach the engine as whole milliseconds.
-        EXPECT_NEAR(shown[i], expected, 1.0) << "seek " << targets[i] << ": " << r.output;
+        // A seek still being carried out when the next one comes is replaced
+        // by it, and shows that one's frame. Frame times reach the engine
+        // as whole milliseconds.
+        bool landed = false;
+        for (size_t j = i; j < targets.size() && !landed; ++j) {
+            landed = std::fabs(shown[i] - expected[j]) <= 1.0;
+        }
+        EXPECT_TRUE(landed) << "seek " << targets[i] << " showed " << shown[i] << ", not " << expected[i] << ": "
+                            << r.output;
     }
     EXPECT_GT(jsonNumbers(r.output, "frames_presented").at(0), 0) << r.output;
 }
