@@ -75,6 +75,8 @@ struct Options {
     double speed = 1.0;
     int loop = 0;
     int audioTrack = -1;
+    // The audio track the player picks by itself (0-based), -1 for none.
+    int defaultTrack = -1;
     PlayScript script;
 };
 
@@ -155,7 +157,11 @@ class Session {
 public:
     // `setSoundSpeed` tells the sound device the playback speed.
     Session(const Options& options, PcmSink* sound, std::function<void(double)> setSoundSpeed)
-        : mOptions(options), mSound(sound), mSetSoundSpeed(std::move(setSoundSpeed)), mLog(Clock::now()) {}
+        : mOptions(options),
+          mSound(sound),
+          mSetSoundSpeed(std::move(setSoundSpeed)),
+          mLog(Clock::now()),
+          mTrack(options.defaultTrack) {}
 
     // Opens and prepares; on failure prints the one-line error.
     bool open(const std::shared_ptr<NativeWindow>& window, int audioTracks) {
@@ -246,7 +252,8 @@ public:
     bool stalled(double soundMs) {
         uint64_t frames = mLog.framesPresented();
         Clock::time_point now = Clock::now();
-        if (frames != mStallFrames || soundMs != mStallSound || mPlayer.getStatus() != KavraMediaPlayer::MEDIA_PLAYER_STARTED) {
+        if (frames != mStallFrames || soundMs != mStallSound ||
+            mPlayer.getStatus() != KavraMediaPlayer::MEDIA_PLAYER_STARTED) {
             mStallFrames = frames;
             mStallSound = soundMs;
             mStallSince = now;
@@ -283,7 +290,7 @@ private:
     Clock::time_point mStartTime;
     size_t mNextStep = 0;
     int mAudioTracks = 0;
-    int mTrack = -1;
+    int mTrack;
     double mSpeed = 1.0;
     bool mHasVideo = false;
     bool mHasAudio = false;
@@ -325,7 +332,8 @@ int playHeadless(const Options& o, int audioTracks) {
     if (o.json) {
         printf("%s\n", log->json(dropped, session.startMs(), session.durationMs()).c_str());
     } else {
-        printf("%s: %llu frames presented, %s\n", o.path.c_str(), static_cast<unsigned long long>(log->framesPresented()),
+        printf("%s: %llu frames presented, %s\n", o.path.c_str(),
+               static_cast<unsigned long long>(log->framesPresented()),
                log->completed() ? "played to the end" : stoppedPaused ? "left paused" : "stopped");
     }
     if (log->failed()) {
@@ -459,6 +467,12 @@ int runPlay(const std::vector<std::string>& args) {
             return tool::fail(o.path, "no video or audio stream");
         }
         audioTracks = info.audioStreamNum;
+        for (int i = 0, k = 0; i < info.streamNum; ++i) {
+            if (info.streamInfos[i].mediaType == 1) {
+                o.defaultTrack = i == info.bestAudioStreamIndex ? k : o.defaultTrack;
+                k += 1;
+            }
+        }
         if (info.bestVideoStreamIndex >= 0) {
             const StreamInfo& v = info.streamInfos[info.bestVideoStreamIndex];
             bool quarter = v.rotation == 90 || v.rotation == 270;
@@ -478,7 +492,8 @@ int runPlay(const std::vector<std::string>& args) {
 
 }  // namespace
 
-KAVRA_COMMAND("play", "FILE [--headless [--json]] [--speed X] [--loop N] [--audio-track K] [--script \"W cmd [arg]; ...\"]",
+KAVRA_COMMAND("play",
+              "FILE [--headless [--json]] [--speed X] [--loop N] [--audio-track K] [--script \"W cmd [arg]; ...\"]",
               "play a file in a window with sound (keys: space pause, left/right seek 5 s, up/down speed, a next "
               "audio track, q quit), or with --headless into a counting window and a virtual sound device; "
               "--script runs seek T, pause, resume, speed X, track K, stop at W ms after the start; --json "

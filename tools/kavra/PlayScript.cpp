@@ -58,7 +58,8 @@ bool PlayScript::parse(const std::string& text, std::string* error) {
             }
         } else if (name == "track") {
             step.action = Action::Track;
-            if (!parseNumber(parts[2], &step.number) || step.number < 0 || step.number != static_cast<int>(step.number)) {
+            if (!parseNumber(parts[2], &step.number) || step.number < 0 ||
+                step.number != static_cast<int>(step.number)) {
                 *error = "script: track needs a track number, not '" + parts[2] + "'";
                 return false;
             }
