@@ -281,10 +281,10 @@ void KavraMediaPlayer::unSelectTrack(bool audio, bool video) {
 void KavraMediaPlayer::start() {
     NativeMutexLock lock(mStatusLock);
     const int status = mStatus.load();
+    ALOGV("start:%d", status);
     if (status != MEDIA_PLAYER_PREPARED && status != MEDIA_PLAYER_PAUSED && status != MEDIA_PLAYER_PLAYBACK_COMPLETE) {
         return;
     }
-    ALOGV("start:%d", status);
     if (status == MEDIA_PLAYER_PLAYBACK_COMPLETE) {
         // Replays from the very beginning of the file.
         mSeekPosition = 0;
