@@ -16,14 +16,8 @@ const char* const kTag = "KavraMediaPlayer";
 // How long a render thread waits for a decoded frame before it looks at the
 // gate and pending seeks again.
 constexpr int kFrameWaitMs = 30;
-// How long the frame jump and the audio drop wait for the next frame before
-// they give the seek up.
-constexpr int kJumpWaitMs = 600;
 // The longest the first render thread at a seek waits for the second.
 constexpr int kRendezvousWaitMs = 3000;
-// A target at most this far after the frame in hand is reached by decoding
-// forward, without repositioning the demultiplexer.
-constexpr int kDecodeForwardMs = 1000;
 // Stream selectors of the render manager.
 constexpr int kVideo = RenderManager::kStreamVideo;
 constexpr int kAudio = RenderManager::kStreamAudio;
@@ -32,34 +26,11 @@ constexpr int kGateWaiting = KavraMediaPlayer::MEDIA_PLAYER_PREPARING | KavraMed
                              KavraMediaPlayer::MEDIA_PLAYER_PAUSED | KavraMediaPlayer::MEDIA_PLAYER_PLAYBACK_COMPLETE;
 }  // namespace
 
-KavraMediaPlayer::KavraMediaPlayer() : mRenderManager() { init(); }
+KavraMediaPlayer::KavraMediaPlayer() : KavraMediaPlayer(Timer::TimeSource()) {}
 
-KavraMediaPlayer::KavraMediaPlayer(Timer::TimeSource timeSource) : mRenderManager(std::move(timeSource)) { init(); }
-
-void KavraMediaPlayer::init() {
-    mVideoStreamIndex = -1;
-    mAudioStreamIndex = -1;
-    mVideoQueue = nullptr;
-    mAudioQueue = nullptr;
-    mSeekPosition = -1;
-    mLoopCount = 0;
-    mIsSeekPositonChanged = false;
-    mForceDemuxSeek = false;
-    mStatus = MEDIA_PLAYER_IDLE;
-    mVideoRenderFinished = true;
-    mAudioRenderFinished = true;
-    mVideoInSeek = false;
-    mAudioInSeek = false;
-    mAccurateSeek = true;
-    mWidth = 0;
-    mHeight = 0;
-    mStartTime = 0;
-    mFrameRate = 0;
-    mRotation = 0;
-    mChannels = -1;
-    mSampleRate = 0;
-    mDuration = 0;
-    mAudioTrackCount = 0;
+KavraMediaPlayer::KavraMediaPlayer(Timer::TimeSource timeSource)
+    : mRenderManager(std::move(timeSource)),
+      mFrameJump(*this, mRenderManager, {mSeekLock, mSeekPosition, mIsSeekPositonChanged, mForceDemuxSeek}) {
     ALOGV("KavraMediaPlayer");
 }
 
@@ -264,6 +235,7 @@ int KavraMediaPlayer::prepareVideo() {
         return -1;
     }
     mVideoQueue = mDecoder->getVideoOutputQueue();
+    attachFrameJump();
     mVideoRenderThread = std::thread(&KavraMediaPlayer::onRenderFrame, this, kVideo);
     return 0;
 }
@@ -276,6 +248,7 @@ int KavraMediaPlayer::prepareAudio() {
         return -1;
     }
     mAudioQueue = mDecoder->getAudioOutputQueue();
+    attachFrameJump();
     mAudioRenderThread = std::thread(&KavraMediaPlayer::onRenderFrame, this, kAudio);
     return 0;
 }
@@ -308,10 +281,10 @@ void KavraMediaPlayer::unSelectTrack(bool audio, bool video) {
 void KavraMediaPlayer::start() {
     NativeMutexLock lock(mStatusLock);
     const int status = mStatus.load();
+    ALOGV("start:%d", status);
     if (status != MEDIA_PLAYER_PREPARED && status != MEDIA_PLAYER_PAUSED && status != MEDIA_PLAYER_PLAYBACK_COMPLETE) {
         return;
     }
-    ALOGV("start:%d", status);
     if (status == MEDIA_PLAYER_PLAYBACK_COMPLETE) {
         // Replays from the very beginning of the file.
         mSeekPosition = 0;
@@ -396,6 +369,12 @@ void KavraMediaPlayer::freeDecoder() {
     }
     mVideoQueue = nullptr;
     mAudioQueue = nullptr;
+    attachFrameJump();
+}
+
+void KavraMediaPlayer::attachFrameJump() {
+    NativeMutexLock lock(mSeekWorkLock);
+    mFrameJump.attach(mDecoder.get(), mVideoQueue, mAudioQueue);
 }
 
 void KavraMediaPlayer::release() {
@@ -450,6 +429,7 @@ int KavraMediaPlayer::setAudioTrack(int track) {
         result = mDecoder->selectAudioTrack(streamIndex);
         mAudioQueue = mDecoder->getAudioOutputQueue();
         mAudioStreamIndex = mDecoder->getCurrentAudioStreamIndex();
+        mFrameJump.attach(mDecoder.get(), mVideoQueue, mAudioQueue);
     }
     if (result < 0) {
         ALOGE("selectAudioTrack error:%d.", result);
@@ -626,14 +606,24 @@ void KavraMediaPlayer::handleSeekWork() {
     const bool video = mVideoQueue.load() != nullptr;
     const bool audio = mAudioQueue.load() != nullptr;
     if (!video) {
-        NativeMutexLock seek(mSeekLock);
-        const int target = mSeekPosition.load();
-        mRenderManager.setCurrentTime(target);
-        seekToInner(target);
-        jumpAudioFrameTo(target);
-        mIsSeekPositonChanged = false;
-        mForceDemuxSeek = false;
-        mSeekPosition = -1;
+        int target;
+        {
+            NativeMutexLock seek(mSeekLock);
+            target = mSeekPosition.load();
+            mIsSeekPositonChanged = false;
+            mForceDemuxSeek = false;
+        }
+        mFrameJump.seekToInner(target);
+        {
+            NativeMutexLock seek(mSeekLock);
+            if (mIsSeekPositonChanged) {
+                // A newer request came meanwhile; the next pass serves it.
+                return;
+            }
+            mRenderManager.setCurrentTime(target);
+            mSeekPosition = -1;
+        }
+        mFrameJump.jumpAudioFrameTo(target);
         return;
     }
     const bool finished = mVideoRenderFinished || (audio && mAudioRenderFinished);
@@ -654,125 +644,26 @@ void KavraMediaPlayer::handleSeekWork() {
             mIsSeekPositonChanged = false;
             mForceDemuxSeek = false;
         }
-        seekToInner(target);
+        mFrameJump.seekToInner(target);
     }
-    const int shown = jumpVideoFrameTo(mSeekPosition.load());
+    const int shown = mFrameJump.jumpVideoFrameTo(mSeekPosition.load());
     if (shown != -1 && audio) {
         // Audio resumes with the frame after the one that reaches the
         // picture's time.
-        jumpAudioFrameTo(shown);
+        mFrameJump.jumpAudioFrameTo(shown);
     }
     if (!finished) {
         mSeekWorkCond.notifyAll();
     }
 }
 
-int KavraMediaPlayer::seekToInner(int ms) {
-    mDecoder->seekTo(ms);
-    // Both streams are read again from the new position.
+void KavraMediaPlayer::onStreamEnd(int stream) { setFinished(stream); }
+
+void KavraMediaPlayer::onRepositioned() {
     if (mVideoQueue.load() != nullptr) {
         mVideoRenderFinished = false;
     }
     if (mAudioQueue.load() != nullptr) {
         mAudioRenderFinished = false;
     }
-    return ms;
-}
-
-void KavraMediaPlayer::presentNow(FrameBuffer* frame) {
-    // Shown at once with the clock stopped; waiting one millisecond makes
-    // sure the renderer takes the frame instead of dropping it as late.
-    VideoRender* render = mRenderManager.getVideoRender();
-    if (render != nullptr && mRenderManager.isVideoEnabled()) {
-        render->renderFrame(frame, 1);
-    }
-}
-
-int KavraMediaPlayer::jumpVideoFrameTo(int target) {
-    int result = target;
-    FrameBufferQueue* queue = mVideoQueue.load();
-    for (;;) {
-        if (isStopped()) {
-            return result;
-        }
-        const int index = queue->dequeueOutputBufferIndex(kJumpWaitMs);
-        if (index < 0) {
-            if (isStopped()) {
-                return result;
-            }
-            // The decoder gave nothing: reposition, let playback go on from
-            // there and give the seek up.
-            NativeMutexLock seek(mSeekLock);
-            mRenderManager.setCurrentTime(seekToInner(mSeekPosition.load()));
-            mIsSeekPositonChanged = false;
-            mForceDemuxSeek = false;
-            mSeekPosition = -1;
-            return -1;
-        }
-        FrameBuffer* frame = queue->getBuffer(index);
-        if (frame == nullptr) {
-            queue->releaseOutputBuffer();
-            continue;
-        }
-        NativeMutexLock seek(mSeekLock);
-        if (frame->size == 0) {
-            // Past the last frame: the last picture stays, the clock shows
-            // the target.
-            result = mSeekPosition.load();
-            mSeekPosition = -1;
-            mIsSeekPositonChanged = false;
-            mRenderManager.setCurrentTime(result);
-            queue->releaseOutputBuffer();
-            setFinished(kVideo);
-            return result;
-        }
-        const int pts = frame->ptsMs;
-        const int duration = frame->durationMs;
-        const int wanted = mSeekPosition.load();
-        if (mIsSeekPositonChanged.exchange(false)) {
-            ALOGE("mIsSeekPositonChanged");
-            const bool force = mForceDemuxSeek.exchange(false);
-            if (force || pts > wanted || wanted - pts > kDecodeForwardMs) {
-                queue->releaseOutputBuffer();
-                seekToInner(wanted);
-                continue;
-            }
-        }
-        bool done = false;
-        if (wanted <= pts + duration) {
-            // The first frame that reaches the target (or starts after it).
-            presentNow(frame);
-            mSeekPosition = -1;
-            mRenderManager.setCurrentTime(pts);
-            result = pts;
-            done = true;
-        }
-        queue->releaseOutputBuffer();
-        if (done) {
-            return result;
-        }
-    }
-}
-
-int KavraMediaPlayer::jumpAudioFrameTo(int target) {
-    FrameBufferQueue* queue = mAudioQueue.load();
-    while (queue != nullptr && !isStopped()) {
-        const int index = queue->dequeueOutputBufferIndex(kJumpWaitMs);
-        if (index < 0) {
-            return -1;
-        }
-        FrameBuffer* frame = queue->getBuffer(index);
-        const bool end = frame != nullptr && frame->size == 0;
-        const bool reached = frame != nullptr && !end && frame->ptsMs + frame->durationMs >= target;
-        const int pts = reached ? frame->ptsMs : -1;
-        queue->releaseOutputBuffer();
-        if (end) {
-            setFinished(kAudio);
-            return -1;
-        }
-        if (reached) {
-            return pts;
-        }
-    }
-    return target;
 }

@@ -14,6 +14,7 @@
 #include "NativeEventPostListener.h"
 #include "Platform/NativeWindow.h"
 #include "Platform/PcmSink.h"
+#include "Player/FrameJump.h"
 #include "Player/KavraMediaDecoder.h"
 #include "Render/RenderManager.h"
 #include "Render/Timer.h"
@@ -31,7 +32,7 @@
 // Order of use: setListener, setDataSource, setVideoPlay/setAudioPlay,
 // prepare, start ... stop, release, destroy. prepare may follow stop again.
 // Every call returns within a bounded time; stop cuts every wait short.
-class KavraMediaPlayer {
+class KavraMediaPlayer : private FrameJump::Host {
 public:
     // Status values, one bit each so that sets of them form masks.
     enum Status : int {
@@ -149,7 +150,6 @@ public:
     bool waitFor(int mask, int timeoutMs);
 
 private:
-    void init();
     // Opens mPath into a new pipeline; 0 or -1.
     int openDecoder();
     void notifyListener(int what, int arg1, int arg2);
@@ -176,43 +176,36 @@ private:
     // Decides completion (or the next loop pass) once both streams ended.
     void updateRenderFinishStatus();
 
-    // Seek work, on the render threads.
+    void attachFrameJump();
+    // Seek work, on the render threads: the rendezvous, then the frame jump.
     void handleSeekWork();
-    // Repositions the demultiplexer at `ms`; returns `ms`.
-    int seekToInner(int ms);
-    // Decodes forward to the first video frame that reaches `ms` and shows
-    // it: that frame's time, the target at the end of the stream, -1 when
-    // no frame came.
-    int jumpVideoFrameTo(int ms);
-    // Drops audio frames up to and including the first that reaches `ms`:
-    // that frame's time, -1 at the end of the stream or when none came.
-    int jumpAudioFrameTo(int ms);
-    // Shows a frame at once (the clock is stopped during a seek).
-    void presentNow(FrameBuffer* frame);
-    bool isStopped() const { return mStatus.load() == MEDIA_PLAYER_STOPPED; }
+    // FrameJump::Host.
+    bool isStopped() const override { return mStatus.load() == MEDIA_PLAYER_STOPPED; }
+    void onStreamEnd(int stream) override;
+    void onRepositioned() override;
 
     // The file, kept for the extractor and for a new prepare after stop.
     std::string mPath;
-    std::atomic<int> mVideoStreamIndex;
-    std::atomic<int> mAudioStreamIndex;
+    std::atomic<int> mVideoStreamIndex{-1};
+    std::atomic<int> mAudioStreamIndex{-1};
     std::unique_ptr<KavraMediaDecoder> mDecoder;
-    std::atomic<FrameBufferQueue*> mVideoQueue;
-    std::atomic<FrameBufferQueue*> mAudioQueue;
+    std::atomic<FrameBufferQueue*> mVideoQueue{nullptr};
+    std::atomic<FrameBufferQueue*> mAudioQueue{nullptr};
     std::thread mVideoRenderThread;
     std::thread mAudioRenderThread;
     // Absolute media ms; -1 when no seek is pending. Written under mSeekLock.
-    std::atomic<int> mSeekPosition;
-    std::atomic<int> mLoopCount;
-    std::atomic<bool> mIsSeekPositonChanged;
+    std::atomic<int> mSeekPosition{-1};
+    std::atomic<int> mLoopCount{0};
+    std::atomic<bool> mIsSeekPositonChanged{false};
     // The next seek repositions the demultiplexer even when the target lies
     // just ahead (a new audio stream must be read from the target on).
-    std::atomic<bool> mForceDemuxSeek;
+    std::atomic<bool> mForceDemuxSeek{false};
     RenderManager mRenderManager;
     // Serialises seek requests against the frame jump.
     NativeMutex mSeekLock;
-    std::atomic<int> mStatus;
-    std::atomic<bool> mVideoRenderFinished;
-    std::atomic<bool> mAudioRenderFinished;
+    std::atomic<int> mStatus{MEDIA_PLAYER_IDLE};
+    std::atomic<bool> mVideoRenderFinished{true};
+    std::atomic<bool> mAudioRenderFinished{true};
     // Makes the completion decision once.
     NativeMutex mFinishLock;
     std::unique_ptr<NativeEventPostListener> mListener;
@@ -220,22 +213,24 @@ private:
     // work. Taken before mSeekLock.
     NativeMutex mSeekWorkLock;
     NativeCondition mSeekWorkCond;
-    std::atomic<bool> mVideoInSeek;
-    std::atomic<bool> mAudioInSeek;
+    std::atomic<bool> mVideoInSeek{false};
+    std::atomic<bool> mAudioInSeek{false};
     // Held by the audio render thread while it holds an audio slot, and by
     // setAudioTrack while the audio decoder is replaced.
     NativeMutex mAudioSwapLock;
     // Guard mStatus; the condition is broadcast after every guarded change.
     NativeMutex mStatusLock;
     NativeCondition mStatusCond;
-    std::atomic<bool> mAccurateSeek;
-    std::atomic<int> mWidth;
-    std::atomic<int> mHeight;
-    std::atomic<int> mStartTime;
-    std::atomic<int> mFrameRate;
-    std::atomic<int> mRotation;
-    std::atomic<int> mChannels;
-    std::atomic<int> mSampleRate;
-    std::atomic<int> mDuration;
-    std::atomic<int> mAudioTrackCount;
+    std::atomic<bool> mAccurateSeek{true};
+    std::atomic<int> mWidth{0};
+    std::atomic<int> mHeight{0};
+    std::atomic<int> mStartTime{0};
+    std::atomic<int> mFrameRate{0};
+    std::atomic<int> mRotation{0};
+    std::atomic<int> mChannels{-1};
+    std::atomic<int> mSampleRate{0};
+    std::atomic<int> mDuration{0};
+    std::atomic<int> mAudioTrackCount{0};
+    // Serves mSeekPosition's requests; used under mSeekWorkLock.
+    FrameJump mFrameJump;
 };
