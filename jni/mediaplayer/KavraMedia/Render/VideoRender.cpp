@@ -43,10 +43,6 @@ void checkWindowCall(int line, const char* expression, int result) {
 constexpr int64_t kTakeWaitMs = 100;
 
 void logThreadFinish() { __android_log_print(ANDROID_LOG_ERROR, kTag, "onRender thread finish."); }
-
-// How many 1 ms turns a producer gives the presentation thread to take the
-// previous frame before the staging picture is written over.
-constexpr int kHandOverWaits = 50;
 }  // namespace
 
 void VideoRender::PictureDeleter::operator()(Picture* picture) const {
@@ -195,10 +191,6 @@ int VideoRender::stageFrame(FrameBuffer* frame, int delayMs, bool dropWhenBusy) 
         }
     } else {
         mLock.lock();
-        // A frame staged but not yet copied would be lost unseen.
-        for (int i = 0; i < kHandOverWaits && mFrameReady && mRunning; ++i) {
-            mCondition.wait(mLock, 1);
-        }
     }
     // The previous picture is due but the presentation thread has not taken
     // it yet: staging over it would lose it, so wait (briefly; a copy takes
