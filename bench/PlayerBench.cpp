@@ -298,8 +298,10 @@ struct BenchPlayer {
 
 // One seek while paused: its latency to the first picture after it, and
 // that picture's time. False when none came.
-bool timedSeek(BenchPlayer& p, int targetMs, double* latencyMs, int* shownMs) {
+// `*cpuMs` is the process's CPU time over the same span.
+bool timedSeek(BenchPlayer& p, int targetMs, double* latencyMs, int* shownMs, double* cpuMs) {
     uint64_t before = p.watch.count();
+    double cpu0 = processCpuSeconds();
     Clock::time_point t0 = Clock::now();
     p.player.seekTo(targetMs, true);
     Clock::time_point at;
@@ -307,11 +309,40 @@ bool timedSeek(BenchPlayer& p, int targetMs, double* latencyMs, int* shownMs) {
         return false;
     }
     *latencyMs = msBetween(t0, at);
+    *cpuMs = (processCpuSeconds() - cpu0) * 1000;
     return true;
 }
 
-void reportLatencies(benchmark::State& state, const std::vector<double>& engine, const std::vector<double>& reference,
-                     int wrongFrames) {
+// Latencies and CPU times (ms) per seek of both sides.
+struct SeekTimes {
+    std::vector<double> engineMs;
+    std::vector<double> referenceMs;
+    std::vector<double> engineCpuMs;
+    std::vector<double> referenceCpuMs;
+
+    // Times one reference step.
+    template <typename Step>
+    int reference(Step&& step) {
+        double cpu0 = processCpuSeconds();
+        Clock::time_point t0 = Clock::now();
+        int shown = step();
+        referenceMs.push_back(msBetween(t0, Clock::now()));
+        referenceCpuMs.push_back((processCpuSeconds() - cpu0) * 1000);
+        return shown;
+    }
+};
+
+void reportLatencies(benchmark::State& state, const SeekTimes& times, int wrongFrames) {
+    const std::vector<double>& engine = times.engineMs;
+    const std::vector<double>& reference = times.referenceMs;
+    // On a loaded machine the scheduler gives a process more of the cores
+    // the more threads it has waiting; CPU time per seek says what each
+    // side costs whatever the load.
+    double c50 = percentile(times.engineCpuMs, 0.5);
+    double rc50 = percentile(times.referenceCpuMs, 0.5);
+    state.counters["player_cpu_p50_ms"] = c50;
+    state.counters["reference_cpu_p50_ms"] = rc50;
+    state.counters["cpu_ratio_p50"] = rc50 > 0 ? c50 / rc50 : 0;
     double e50 = percentile(engine, 0.5);
     double e95 = percentile(engine, 0.95);
     double r50 = percentile(reference, 0.5);
@@ -339,25 +370,24 @@ void BM_ExactSeek(benchmark::State& state) {
             return;
         }
         // The two sides take turns, so that both meet the same load.
-        std::vector<double> refMs;
-        std::vector<double> engineMs;
+        SeekTimes times;
         int wrong = 0;
         for (int t : targets) {
-            Clock::time_point t0 = Clock::now();
-            int expected = ref.seek(t);
-            refMs.push_back(msBetween(t0, Clock::now()));
+            int expected = times.reference([&] { return ref.seek(t); });
             std::this_thread::sleep_for(kBetweenSeeks);
             double latency = 0;
+            double cpu = 0;
             int shown = -1;
-            if (!timedSeek(p, t, &latency, &shown)) {
+            if (!timedSeek(p, t, &latency, &shown, &cpu)) {
                 state.SkipWithError("a seek showed no picture");
                 return;
             }
             wrong += shown != expected ? 1 : 0;
-            engineMs.push_back(latency);
+            times.engineMs.push_back(latency);
+            times.engineCpuMs.push_back(cpu);
             std::this_thread::sleep_for(kBetweenSeeks);
         }
-        reportLatencies(state, engineMs, refMs, wrong);
+        reportLatencies(state, times, wrong);
     }
 }
 
@@ -372,29 +402,28 @@ void BM_ShortForwardSeek(benchmark::State& state) {
         }
         int refShown = ref.seek(startMs);
         double latency = 0;
+        double cpu = 0;
         int shown = -1;
-        if (!timedSeek(p, startMs, &latency, &shown)) {
+        if (!timedSeek(p, startMs, &latency, &shown, &cpu)) {
             state.SkipWithError("the first seek showed no picture");
             return;
         }
         std::this_thread::sleep_for(kBetweenSeeks);
-        std::vector<double> refMs;
-        std::vector<double> engineMs;
+        SeekTimes times;
         int wrong = 0;
         for (int i = 0; i < kSeeks; ++i) {
-            Clock::time_point t0 = Clock::now();
-            refShown = ref.decodeTo(refShown + kShortSeekMs);
-            refMs.push_back(msBetween(t0, Clock::now()));
+            refShown = times.reference([&] { return ref.decodeTo(refShown + kShortSeekMs); });
             std::this_thread::sleep_for(kBetweenSeeks);
-            if (!timedSeek(p, shown + kShortSeekMs, &latency, &shown)) {
+            if (!timedSeek(p, shown + kShortSeekMs, &latency, &shown, &cpu)) {
                 state.SkipWithError("a seek showed no picture");
                 return;
             }
             wrong += shown != refShown ? 1 : 0;
-            engineMs.push_back(latency);
+            times.engineMs.push_back(latency);
+            times.engineCpuMs.push_back(cpu);
             std::this_thread::sleep_for(kBetweenSeeks);
         }
-        reportLatencies(state, engineMs, refMs, wrong);
+        reportLatencies(state, times, wrong);
     }
 }
 
