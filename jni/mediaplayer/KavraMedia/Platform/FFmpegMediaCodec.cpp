@@ -18,6 +18,9 @@ const char* const kTag = "FFmpegMediaCodec";
 // stream is declared anyway.
 constexpr int kMaxDrainErrors = 64;
 
+// Memory an output buffer starts with, before any picture is packed in.
+constexpr size_t kMinOutputBytes = 64;
+
 // Extra bytes after a decoded picture: the decoder's vector code may read a
 // little past the last row.
 constexpr size_t kPicturePadding = 256;
@@ -209,8 +212,10 @@ int FFmpegMediaCodec::configure(const MediaFormat* format, void* /*surface*/, vo
         b.packed = false;
         b.direct = false;
     }
-    for (const Buffer& b : mOutputs) {
-        allocated = allocated && b.frame != nullptr;
+    for (Buffer& b : mOutputs) {
+        // A little memory of its own, so that even an empty buffer (the end
+        // of the stream) has an address; it grows for a picture to pack.
+        allocated = allocated && b.frame != nullptr && reserve(b, kMinOutputBytes, 0);
     }
     if (!allocated) {
         freeCodecLocked();
