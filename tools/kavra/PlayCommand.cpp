@@ -28,7 +28,7 @@
 #ifdef KAVRA_HAVE_SDL2
 #include <SDL.h>
 
-#include "Platform/SdlNativeWindow.h"
+#include "SdlNativeWindow.h"
 #include "SdlAudioSink.h"
 #endif
 
