@@ -48,6 +48,10 @@ int fail(const std::string& what, const std::string& reason) {
     return 1;
 }
 
+int failDamaged(const std::string& path) {
+    return fail(path, "the file is damaged: reading stopped before its end");
+}
+
 bool openMedia(const std::string& path, FFmpegMediaExtractor* extractor) {
     struct stat st;
     if (stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
