@@ -75,6 +75,16 @@ INSTANTIATE_TEST_SUITE_P(Fixtures, DecodeCommand,
                              return name;
                          });
 
+// The frames come through the player's pipeline (its demux thread and end
+// of input), not through a loop of the command's own.
+TEST(DecodeCommandPipeline, DecodesThroughTheDemuxThread) {
+    CommandResult r = runCommand("timeout 120 " + shellQuote(kavraTool()) + " -v decode " +
+                                 shellQuote(fixture("mpeg4.mp4")) + " 2>&1 >/dev/null");
+    EXPECT_EQ(r.status, 0) << r.output;
+    EXPECT_NE(r.output.find("KavraMediaDecoder: onMuxPacket thread begin"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("KavraMediaDecoder: Mux end."), std::string::npos) << r.output;
+}
+
 TEST(DecodeCommandErrors, WhatCannotBeDecodedIsOneLineAndExitStatusOne) {
     const std::vector<std::string> bad = {
         shellQuote(fixture("random.bin")),
