@@ -508,12 +508,20 @@ TEST(VideoItemPixels, TurnsTheTwoByThreePicture) {
 // Decodes one picture of a fixture to convert.
 class DecodedItem : public VideoItem {
 public:
+    // The first picture decoded from the key frame at or before timeMs.
     AVFrame* decodeAt(int timeMs) {
-        std::vector<int> scratch(16 * 16);
-        if (getKeyFrameAt(scratch.data(), rgbaBytes(16, 16), 16, 16, timeMs) != 0) {
+        if (seekFrame(timeMs, -1, AVSEEK_FLAG_BACKWARD) < 0) {
             return nullptr;
         }
-        return pVideoFrame.get();
+        kavra::ScopedAVPacket packet = kavra::makeScopedAVPacket();
+        int got = 0;
+        while (!got && readFrame(packet.get()) >= 0) {
+            if (packet->stream_index == getVideoStreamIndex()) {
+                decodeVideo(&got, packet.get());
+            }
+            av_packet_unref(packet.get());
+        }
+        return got ? pVideoFrame.get() : nullptr;
     }
 };
 
