@@ -62,7 +62,6 @@ VideoRender::VideoRender()
       mFrameReady(false),
       mRunning(false),
       mPicturePtsMs(0),
-      mFlushRequested(false),
       mRenderThread(),
       mThreadStarted(false) {}
 
@@ -183,7 +182,7 @@ int VideoRender::stageFrame(FrameBuffer* frame, int delayMs, bool dropWhenBusy) 
     if (!mPicture) {
         return -1;
     }
-    int64_t t0 = av_gettime();
+    int64_t t0 = av_gettime_relative();
     if (dropWhenBusy) {
         if (!mLock.tryLock()) {
             mDroppedFrames += 1;
@@ -192,17 +191,22 @@ int VideoRender::stageFrame(FrameBuffer* frame, int delayMs, bool dropWhenBusy) 
     } else {
         mLock.lock();
     }
+    // A flush since the last frame (even one that came before this frame
+    // took the lock) means this frame does not wait.
+    bool flushed = mPendingCount > 0;
     // The previous picture is due but the presentation thread has not taken
     // it yet: staging over it would lose it, so wait (briefly; a copy takes
     // a few milliseconds, and flush or stop end the wait).
-    int64_t takeDeadline = av_gettime() + kTakeWaitMs * 1000;
-    while (mFrameReady && mRunning && !mFlushRequested) {
-        int64_t leftMs = (takeDeadline - av_gettime()) / 1000;
-        if (leftMs < 1 || !mTakenCondition.wait(mLock, static_cast<long>(leftMs))) {
+    const int64_t takeDeadlineUs = av_gettime_relative() + kTakeWaitMs * 1000;
+    while (mFrameReady && mRunning && !flushed) {
+        int64_t leftUs = takeDeadlineUs - av_gettime_relative();
+        if (leftUs <= 0) {
             break;
         }
+        mTakenCondition.wait(mLock, static_cast<long>((leftUs + 999) / 1000));
+        flushed = mPendingCount > 0;
     }
-    mFlushRequested = false;
+    mPendingCount = 0;
     mFrameReady = false;
     const Picture* src = pictureOf(frame);
     if (mPixelFormat == AV_PIX_FMT_YUV420P || mPixelFormat == AV_PIX_FMT_YUVJ420P) {
@@ -214,10 +218,19 @@ int VideoRender::stageFrame(FrameBuffer* frame, int delayMs, bool dropWhenBusy) 
                            mPixelFormat, 0);
     }
     mPicturePtsMs = frame->ptsMs;
-    int64_t elapsedMs = (av_gettime() - t0) / 1000;
-    if (elapsedMs < delayMs) {
-        mCondition.wait(mLock, static_cast<long>(delayMs - elapsedMs));
+    // Until the frame is due, or a flush; the condition also carries the
+    // presentation thread's wake-ups, so the deadline is checked again
+    // after every one.
+    const int64_t dueUs = t0 + static_cast<int64_t>(delayMs) * 1000;
+    while (!flushed) {
+        int64_t leftUs = dueUs - av_gettime_relative();
+        if (leftUs <= 0) {
+            break;
+        }
+        mCondition.wait(mLock, static_cast<long>((leftUs + 999) / 1000));
+        flushed = mPendingCount > 0;
     }
+    mPendingCount = 0;
     // Due only now: the presentation thread must not take it early.
     mFrameReady = true;
     mCondition.notifyAll();
@@ -227,8 +240,7 @@ int VideoRender::stageFrame(FrameBuffer* frame, int delayMs, bool dropWhenBusy) 
 
 void VideoRender::flush() {
     mLock.lock();
-    mPendingCount = 0;
-    mFlushRequested = true;
+    mPendingCount += 1;
     mTakenCondition.notifyAll();
     // The presentation thread may be waiting on the same condition; every
     // waiter is woken so that the producer's wait surely ends.
