@@ -170,6 +170,7 @@ INSTANTIATE_TEST_SUITE_P(
         BadCall{"input_missing", "trim {IN} {OUT} --from 1s --to 2s", "/nonexistent/clip.mp4", false, false},
         BadCall{"input_not_media", "trim {IN} {OUT} --from 1s --to 2s", "random.bin", false, false},
         BadCall{"input_without_video", "trim {IN} {OUT} --from 1s --to 2s", "audio_only.m4a", false, false},
+        BadCall{"input_damaged_in_range", "trim {IN} {OUT} --from 3s --to 6s", "damaged_sample_table.mp4", false, false},
         BadCall{"output_dir_missing", "trim {IN} {OUT} --from 1s --to 2s", "mpeg4.mp4", true, false},
         BadCall{"output_is_directory", "trim {IN} {OUT} --from 1s --to 2s", "mpeg4.mp4", false, true},
         // Fails after the output was opened and its header written.

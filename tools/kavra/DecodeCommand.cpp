@@ -2,7 +2,6 @@
 // best video and audio streams to the end through the player's pipeline
 // (demux thread, decoder threads and queues) and reports frames and speed.
 
-#include <sys/stat.h>
 
 #include <algorithm>
 #include <atomic>
@@ -111,9 +110,8 @@ int runDecode(const std::vector<std::string>& args) {
         return tool::fail("decode", "--video-decoder must be auto, ffmpeg or codec");
     }
     const std::string& path = a.positional[0];
-    struct stat st;
-    if (stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
-        return tool::fail(path, "is a directory");
+    if (!tool::checkInput(path, &error)) {
+        return tool::fail(path, error);
     }
 
     // The whole pipeline, as the player runs it: the demux thread feeding

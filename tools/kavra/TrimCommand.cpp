@@ -202,6 +202,11 @@ int runTrim(const std::vector<std::string>& args) {
         if (ret < 0) {
             return tool::fail(output, "writing failed: " + tool::ffmpegError(ret));
         }
+        if (trimer.isInputDamaged()) {
+            // Reading stopped at damage inside the range: the result would
+            // be short, so it is not kept.
+            return tool::failDamaged(input);
+        }
         copied = trimer.videoFramesCopied();
         encoded = trimer.videoFramesEncoded();
         audio = trimer.audioPacketsWritten();
