@@ -3,23 +3,14 @@
 // an in-memory window, against a plain decode-only loop on the same clip.
 //
 // Reported per frame: process CPU time (all threads), and heap allocations
-// counted by a hook in this program, attributed to the engine function on
+// counted by AllocationCounter, attributed to the engine function on
 // the allocating stack and the library that allocated.
 
 #include <android/log.h>
 #include <benchmark/benchmark.h>
-#include <cxxabi.h>
-#include <dlfcn.h>
-#include <execinfo.h>
-#include <malloc.h>
 
-#include <algorithm>
-#include <atomic>
-#include <cerrno>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <memory>
 #include <string>
@@ -35,240 +26,11 @@ extern "C" {
 #include "Player/KavraMediaDecoder.h"
 #include "Render/RenderManager.h"
 
-// ---- Allocation hook -------------------------------------------------------
+#include "AllocationCounter.h"
 
-extern "C" {
-void* __libc_malloc(size_t size);
-void* __libc_calloc(size_t count, size_t size);
-void* __libc_realloc(void* p, size_t size);
-void* __libc_memalign(size_t alignment, size_t size);
-void __libc_free(void* p);
-}
-
-namespace {
-
-// Libraries an allocation is attributed to.
-enum Library { kLibOther, kLibEngine, kLibAvcodec, kLibAvformat, kLibAvutil, kLibSws, kLibBench, kLibCount };
-const char* const kLibraryNames[kLibCount] = {"other", "engine", "libavcodec", "libavformat",
-                                              "libavutil", "libsw*", "bench"};
-
-std::atomic<bool> gCounting{false};
-std::atomic<uint64_t> gAllocations{0};
-thread_local bool tInHook = false;
-
-// Which library a code address belongs to; cached per address.
-constexpr size_t kPcSlots = 16384;
-std::atomic<uintptr_t> gPcKeys[kPcSlots];
-std::atomic<int> gPcLibrary[kPcSlots];
-
-Library classifyPath(const char* path) {
-    if (path == nullptr) {
-        return kLibOther;
-    }
-    if (strstr(path, "libkavra_gallery_player") != nullptr) return kLibEngine;
-    if (strstr(path, "libavcodec") != nullptr) return kLibAvcodec;
-    if (strstr(path, "libavformat") != nullptr) return kLibAvformat;
-    if (strstr(path, "libavutil") != nullptr) return kLibAvutil;
-    if (strstr(path, "libswscale") != nullptr || strstr(path, "libswresample") != nullptr) return kLibSws;
-    if (strstr(path, "renderbench") != nullptr) return kLibBench;
-    return kLibOther;  // libc, libstdc++, ...
-}
-
-Library libraryOf(uintptr_t pc) {
-    size_t slot = (pc >> 4) % kPcSlots;
-    for (size_t probe = 0; probe < kPcSlots; ++probe, slot = (slot + 1) % kPcSlots) {
-        uintptr_t key = gPcKeys[slot].load();
-        if (key == pc) {
-            return static_cast<Library>(gPcLibrary[slot].load());
-        }
-        if (key == 0) {
-            Dl_info info;
-            Library lib = dladdr(reinterpret_cast<void*>(pc), &info) != 0 ? classifyPath(info.dli_fname) : kLibOther;
-            uintptr_t expected = 0;
-            if (gPcKeys[slot].compare_exchange_strong(expected, pc) || expected == pc) {
-                gPcLibrary[slot].store(lib);
-            }
-            return lib;
-        }
-    }
-    return kLibOther;
-}
-
-// One row of the attribution: the innermost engine function on the stack
-// (0: none) and the innermost FFmpeg library below it (or the engine).
-struct Site {
-    std::atomic<uintptr_t> key{0};
-    std::atomic<uint64_t> count{0};
-};
-constexpr size_t kSiteSlots = 1024;
-Site gSites[kSiteSlots];
-
-void recordSite(uintptr_t engineFunction, Library allocator) {
-    uintptr_t key = (engineFunction << 3) | static_cast<uintptr_t>(allocator);
-    if (key == 0) {
-        key = kLibOther;
-    }
-    size_t slot = (key >> 3) % kSiteSlots;
-    for (size_t probe = 0; probe < kSiteSlots; ++probe, slot = (slot + 1) % kSiteSlots) {
-        uintptr_t current = gSites[slot].key.load();
-        if (current == 0) {
-            uintptr_t expected = 0;
-            if (!gSites[slot].key.compare_exchange_strong(expected, key) && expected != key) {
-                continue;
-            }
-            current = key;
-        }
-        if (current == key) {
-            gSites[slot].count += 1;
-            return;
-        }
-    }
-}
-
-void countAllocation() {
-    if (!gCounting.load(std::memory_order_relaxed) || tInHook) {
-        return;
-    }
-    tInHook = true;
-    gAllocations += 1;
-    void* frames[48];
-    int depth = backtrace(frames, 48);
-    Library allocator = kLibOther;
-    uintptr_t engineFunction = 0;
-    // Frame 0 is this hook's caller in this program.
-    for (int i = 1; i < depth; ++i) {
-        uintptr_t pc = reinterpret_cast<uintptr_t>(frames[i]);
-        Library lib = libraryOf(pc);
-        if (allocator == kLibOther && lib != kLibOther && lib != kLibAvutil && lib != kLibBench) {
-            allocator = lib;
-        }
-        if (lib == kLibEngine) {
-            Dl_info info;
-            if (dladdr(frames[i], &info) != 0 && info.dli_saddr != nullptr) {
-                engineFunction = reinterpret_cast<uintptr_t>(info.dli_saddr);
-                // A standard-library template instantiated in the engine
-                // (a container growing): the engine function that called it
-                // is the one to name.
-                if (info.dli_sname != nullptr &&
-                    (strncmp(info.dli_sname, "_ZNSt", 5) == 0 || strncmp(info.dli_sname, "_ZSt", 4) == 0)) {
-                    continue;
-                }
-            }
-            break;
-        }
-    }
-    recordSite(engineFunction, allocator);
-    tInHook = false;
-}
-
-// Per-frame totals by who asked for the memory.
-enum Owner { kOwnerRender, kOwnerPacketQueue, kOwnerDecoder, kOwnerDemux, kOwnerOther, kOwnerNone, kOwnerCount };
-const char* const kOwnerCounters[kOwnerCount] = {
-    "allocs_queues_and_renderers", "allocs_packet_queue_nodes", "allocs_decoder", "allocs_demux",
-    "allocs_other_engine",         "allocs_ffmpeg_own_threads"};
-
-Owner ownerOf(const std::string& function) {
-    if (function.empty()) {
-        return kOwnerNone;
-    }
-    for (const char* prefix : {"VideoRender", "AudioRender", "RenderManager", "Timer", "FrameBufferQueue",
-                               "MemoryNativeWindow", "JniPcmSink"}) {
-        if (function.rfind(prefix, 0) == 0) {
-            return kOwnerRender;
-        }
-    }
-    if (function.rfind("PacketQueue", 0) == 0) {
-        return kOwnerPacketQueue;
-    }
-    for (const char* prefix : {"FFmpegMediaCodec", "MediaCodec", "FFmpegDecoder", "Decoder", "MediaFormat"}) {
-        if (function.rfind(prefix, 0) == 0) {
-            return kOwnerDecoder;
-        }
-    }
-    if (function.rfind("FFmpegMediaExtractor", 0) == 0 || function.rfind("KavraMediaDecoder", 0) == 0) {
-        return kOwnerDemux;
-    }
-    return kOwnerOther;
-}
-
-struct Counts {
-    uint64_t total = 0;
-    uint64_t byOwner[kOwnerCount] = {};
-    std::vector<std::pair<uint64_t, std::string>> sites;
-};
-
-void resetCounts() {
-    gAllocations = 0;
-    for (Site& site : gSites) {
-        site.key = 0;
-        site.count = 0;
-    }
-}
-
-Counts takeCounts() {
-    Counts counts;
-    counts.total = gAllocations.load();
-    for (Site& site : gSites) {
-        uintptr_t key = site.key.load();
-        if (key == 0 || site.count.load() == 0) {
-            continue;
-        }
-        uintptr_t function = key >> 3;
-        int lib = static_cast<int>(key & 7);
-        std::string name;
-        Dl_info info;
-        if (function != 0 && dladdr(reinterpret_cast<void*>(function), &info) != 0 && info.dli_sname != nullptr) {
-            int status = 0;
-            char* demangled = abi::__cxa_demangle(info.dli_sname, nullptr, nullptr, &status);
-            name = status == 0 && demangled != nullptr ? demangled : info.dli_sname;
-            free(demangled);
-        }
-        counts.byOwner[ownerOf(name)] += site.count.load();
-        if (name.empty()) {
-            name = "(no engine frame: FFmpeg's own threads, or this program)";
-        }
-        counts.sites.emplace_back(site.count.load(), name + " -> " + kLibraryNames[lib]);
-    }
-    std::sort(counts.sites.rbegin(), counts.sites.rend());
-    return counts;
-}
-
-}  // namespace
-
-extern "C" {
-void* malloc(size_t size) {
-    countAllocation();
-    return __libc_malloc(size);
-}
-void* calloc(size_t count, size_t size) {
-    countAllocation();
-    return __libc_calloc(count, size);
-}
-void* realloc(void* p, size_t size) {
-    countAllocation();
-    return __libc_realloc(p, size);
-}
-void free(void* p) { __libc_free(p); }
-int posix_memalign(void** out, size_t alignment, size_t size) {
-    countAllocation();
-    void* p = __libc_memalign(alignment, size);
-    if (p == nullptr) {
-        return ENOMEM;
-    }
-    *out = p;
-    return 0;
-}
-void* aligned_alloc(size_t alignment, size_t size) {
-    countAllocation();
-    return __libc_memalign(alignment, size);
-}
-void* memalign(size_t alignment, size_t size) {
-    countAllocation();
-    return __libc_memalign(alignment, size);
-}
-}
-
-// ---- The two runs ----------------------------------------------------------
+using benchalloc::Counts;
+using benchalloc::kOwnerCount;
+using benchalloc::kOwnerCounters;
 
 namespace {
 
@@ -322,18 +84,17 @@ RunResult decodeOnly() {
             while (avcodec_receive_frame(ctx.get(), frame.get()) >= 0) {
                 av_frame_unref(frame.get());
                 if (++decoded == kWarmupFrames) {
-                    resetCounts();
-                    gCounting = true;
+                    benchalloc::start();
                     start = processCpuSeconds();
                 }
             }
         }
         av_packet_unref(packet.get());
     }
-    gCounting = false;
+    benchalloc::stop();
     result.cpuSeconds = processCpuSeconds() - start;
     result.frames = decoded - kWarmupFrames;
-    result.counts = takeCounts();
+    result.counts = benchalloc::take();
     result.ok = result.frames == kMeasuredFrames;
     if (!result.ok) {
         result.error = "the clip is too short";
@@ -388,16 +149,15 @@ RunResult pipeline() {
         // Each frame is presented before the next is handed over.
         window->waitForQueued(static_cast<uint64_t>(handed), 5000);
         if (handed == kWarmupFrames) {
-            resetCounts();
+            benchalloc::start();
             queuedAtStart = window->queuedCount();
-            gCounting = true;
             start = processCpuSeconds();
         }
     }
-    gCounting = false;
+    benchalloc::stop();
     result.cpuSeconds = processCpuSeconds() - start;
     result.frames = static_cast<int>(window->queuedCount() - queuedAtStart);
-    result.counts = takeCounts();
+    result.counts = benchalloc::take();
     decoder.stop();
     decoder.release();
     result.ok = handed == kWarmupFrames + kMeasuredFrames;
@@ -407,20 +167,11 @@ RunResult pipeline() {
     return result;
 }
 
-void printSites(const char* title, const Counts& counts, int frames) {
-    fprintf(stderr, "%s: %.2f allocations per frame\n", title, static_cast<double>(counts.total) / frames);
-    for (const auto& site : counts.sites) {
-        fprintf(stderr, "  %8.3f /frame  %s\n", static_cast<double>(site.first) / frames, site.second.c_str());
-    }
-}
-
 void dropLogLine(const struct __android_logger_data* /*data*/, const char* /*message*/) {}
 
 void BM_PlaybackPathAgainstDecodeOnly(benchmark::State& state) {
     __android_log_set_logger(dropLogLine);
-    // backtrace() loads its unwinder on first use; not while counting.
-    void* warm[4];
-    backtrace(warm, 4);
+    benchalloc::prime();
     for (auto _ : state) {
         RunResult reference = decodeOnly();
         if (!reference.ok) {
@@ -444,8 +195,8 @@ void BM_PlaybackPathAgainstDecodeOnly(benchmark::State& state) {
         for (int owner = 0; owner < kOwnerCount; ++owner) {
             state.counters[kOwnerCounters[owner]] = static_cast<double>(engine.counts.byOwner[owner]) / kMeasuredFrames;
         }
-        printSites("decode-only loop", reference.counts, reference.frames);
-        printSites("pipeline", engine.counts, kMeasuredFrames);
+        benchalloc::printSites("decode-only loop", reference.counts, reference.frames);
+        benchalloc::printSites("pipeline", engine.counts, kMeasuredFrames);
     }
 }
 

@@ -24,7 +24,14 @@ public:
     // caller must detach it). Null when the thread cannot be attached.
     JNIEnv* getJNIEnv(bool* attached);
 
-    void notify(int msg, int ext1, int ext2);
+    // Virtual so that native owners (tools, tests) can receive the events
+    // without a virtual machine.
+    virtual void notify(int msg, int ext1, int ext2);
+
+protected:
+    // A listener bound to no virtual machine: the base notify() drops every
+    // event.
+    NativeEventPostListener() : NativeEventPostListener(nullptr, nullptr, nullptr, nullptr) {}
 
 private:
     void detachIfAttached(bool attached);

@@ -43,6 +43,9 @@ enum : int {
     HAL_PIXEL_FORMAT_YV12 = 0x32315659,
 };
 
+// A buffer timestamp that lets the window pick the time itself.
+constexpr int64_t NATIVE_WINDOW_TIMESTAMP_AUTO = INT64_MIN;
+
 // One buffer handed out by dequeueBuffer. The window owns it; the caller
 // uses it until it queues it.
 struct NativeWindowBuffer {
@@ -83,4 +86,11 @@ public:
     virtual int unlockBuffer(NativeWindowBuffer* buffer) = 0;
     // Hands a filled buffer back for display. `fenceFd` -1: no fence.
     virtual int queueBuffer(NativeWindowBuffer* buffer, int fenceFd) = 0;
+    // Presentation time in nanoseconds of the buffers queued from now on,
+    // or NATIVE_WINDOW_TIMESTAMP_AUTO. Windows that do not schedule or
+    // record pictures by time ignore it.
+    virtual int setBuffersTimestamp(int64_t timestampNs) {
+        (void)timestampNs;
+        return 0;
+    }
 };

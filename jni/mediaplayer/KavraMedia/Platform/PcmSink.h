@@ -10,4 +10,13 @@ public:
     virtual ~PcmSink() = default;
     // Returns 0 when the bytes were delivered, -1 when they were dropped.
     virtual int deliver(const uint8_t* pcm, int size) = 0;
+    // Called just before each deliver(), on the same thread: the
+    // presentation time (ms, the stream's own timeline) of the first sample
+    // and the format of the bytes that follow. Sinks that schedule or
+    // record audio by time use it; the default ignores it.
+    virtual void willDeliver(int ptsMs, int sampleRate, int channels) {
+        (void)ptsMs;
+        (void)sampleRate;
+        (void)channels;
+    }
 };

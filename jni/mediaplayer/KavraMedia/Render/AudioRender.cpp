@@ -59,6 +59,7 @@ int AudioRender::renderFrame(FrameBuffer* frame, int delayMs) {
     if (size < 0 || pcm == nullptr) {
         return 0;
     }
+    mSink->willDeliver(frame->ptsMs, frame->sampleRate, frame->channels);
     mSink->deliver(pcm, size);
     return 0;
 }

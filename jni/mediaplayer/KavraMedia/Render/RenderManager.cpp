@@ -137,7 +137,9 @@ void RenderManager::renderFrame(FrameBuffer* frame, int stream) {
                 return;
             }
             mTimer.setTime(frameTime);
-            mVideoRender->renderFrame(frame, 0);
+            // A picture shown outside paced playback (a seek's, or while
+            // paused) is never dropped.
+            mVideoRender->showFrame(frame);
         } else if (stream == kStreamAudio) {
             if (!mAudioRender || !mAudioEnabled) {
                 return;

@@ -38,6 +38,10 @@ void checkWindowCall(int line, const char* expression, int result) {
     }
 }
 
+// How long a producer waits for the presentation thread to take the
+// previous picture before staging over it.
+constexpr int64_t kTakeWaitMs = 100;
+
 void logThreadFinish() { __android_log_print(ANDROID_LOG_ERROR, kTag, "onRender thread finish."); }
 }  // namespace
 
@@ -57,6 +61,7 @@ VideoRender::VideoRender()
       mRotation(0),
       mFrameReady(false),
       mRunning(false),
+      mPicturePtsMs(0),
       mRenderThread(),
       mThreadStarted(false) {}
 
@@ -159,12 +164,17 @@ void VideoRender::stopRenderThread() {
     mRunning = false;
     mLock.lock();
     mCondition.notifyAll();
+    mTakenCondition.notifyAll();
     mLock.unlock();
     pthread_join(mRenderThread, nullptr);
     mThreadStarted = false;
 }
 
-int VideoRender::renderFrame(FrameBuffer* frame, int delayMs) {
+int VideoRender::renderFrame(FrameBuffer* frame, int delayMs) { return stageFrame(frame, delayMs, delayMs < 1); }
+
+int VideoRender::showFrame(FrameBuffer* frame) { return stageFrame(frame, 0, false); }
+
+int VideoRender::stageFrame(FrameBuffer* frame, int delayMs, bool dropWhenBusy) {
     if (frame == nullptr || frame->data == nullptr || frame->size == 0 || !mNativeWindow) {
         return -1;
     }
@@ -173,7 +183,7 @@ int VideoRender::renderFrame(FrameBuffer* frame, int delayMs) {
         return -1;
     }
     int64_t t0 = av_gettime_relative();
-    if (delayMs < 1) {
+    if (dropWhenBusy) {
         if (!mLock.tryLock()) {
             mDroppedFrames += 1;
             return -1;
@@ -184,7 +194,20 @@ int VideoRender::renderFrame(FrameBuffer* frame, int delayMs) {
     // A flush since the last frame (even one that came before this frame
     // took the lock) means this frame does not wait.
     bool flushed = mPendingCount > 0;
+    // The previous picture is due but the presentation thread has not taken
+    // it yet: staging over it would lose it, so wait (briefly; a copy takes
+    // a few milliseconds, and flush or stop end the wait).
+    const int64_t takeDeadlineUs = av_gettime_relative() + kTakeWaitMs * 1000;
+    while (mFrameReady && mRunning && !flushed) {
+        int64_t leftUs = takeDeadlineUs - av_gettime_relative();
+        if (leftUs <= 0) {
+            break;
+        }
+        mTakenCondition.wait(mLock, static_cast<long>((leftUs + 999) / 1000));
+        flushed = mPendingCount > 0;
+    }
     mPendingCount = 0;
+    mFrameReady = false;
     const Picture* src = pictureOf(frame);
     if (mPixelFormat == AV_PIX_FMT_YUV420P || mPixelFormat == AV_PIX_FMT_YUVJ420P) {
         av_image_copy(mPicture->data, mPicture->linesize, const_cast<const uint8_t**>(src->data), src->linesize,
@@ -194,7 +217,7 @@ int VideoRender::renderFrame(FrameBuffer* frame, int delayMs) {
                            const_cast<const unsigned char**>(src->data), mWidth, mHeight, src->linesize,
                            mPixelFormat, 0);
     }
-    mFrameReady = true;
+    mPicturePtsMs = frame->ptsMs;
     // Until the frame is due, or a flush; the condition also carries the
     // presentation thread's wake-ups, so the deadline is checked again
     // after every one.
@@ -208,7 +231,9 @@ int VideoRender::renderFrame(FrameBuffer* frame, int delayMs) {
         flushed = mPendingCount > 0;
     }
     mPendingCount = 0;
-    mCondition.notifyOne();
+    // Due only now: the presentation thread must not take it early.
+    mFrameReady = true;
+    mCondition.notifyAll();
     mLock.unlock();
     return 0;
 }
@@ -216,6 +241,7 @@ int VideoRender::renderFrame(FrameBuffer* frame, int delayMs) {
 void VideoRender::flush() {
     mLock.lock();
     mPendingCount += 1;
+    mTakenCondition.notifyAll();
     // The presentation thread may be waiting on the same condition; every
     // waiter is woken so that the producer's wait surely ends.
     mCondition.notifyAll();
@@ -260,10 +286,18 @@ void VideoRender::renderLoop() {
         if (mHeight >= 1) {
             copyPicture(pDstBuffer, buffer);
         }
+        // A picture shown again carries no time of its own.
+        int64_t timestampNs =
+            mFrameReady ? static_cast<int64_t>(mPicturePtsMs) * 1000000 : NATIVE_WINDOW_TIMESTAMP_AUTO;
         mFrameReady = false;
+        mTakenCondition.notifyAll();
         mLock.unlock();
 
         checkWindowCall(211, kMapperUnlock, window->unlockBuffer(buffer));
+        err = window->setBuffersTimestamp(timestampNs);
+        if (err != 0) {
+            __android_log_print(ANDROID_LOG_ERROR, kTag, "native_window_set_buffers_timestamp error:%d", err);
+        }
         err = window->queueBuffer(buffer, -1);
         if (err != 0) {
             __android_log_print(ANDROID_LOG_ERROR, kTag, "renderYUV->queueBuffer error:%d", err);

@@ -35,6 +35,10 @@ public:
     // delay is dropped when the presentation thread is copying. Returns 0
     // when the frame was taken, -1 when it was dropped or cannot be shown.
     int renderFrame(FrameBuffer* frame, int delayMs);
+    // Hands one frame to the presentation thread at once and never drops
+    // it: a picture that must be seen (the one a seek lands on). Returns 0,
+    // or -1 when it cannot be shown.
+    int showFrame(FrameBuffer* frame);
     // Reconfigures the window's buffers and restarts the presentation thread
     // when the frame format or size differs from the current one.
     void resetFormatIfChanged(int pixelFormat, int width, int height);
@@ -55,6 +59,10 @@ private:
     };
     using PicturePtr = std::unique_ptr<Picture, PictureDeleter>;
 
+    // Stages a frame for the presentation thread and marks it due after
+    // delayMs; with dropWhenBusy a frame that finds the thread copying is
+    // dropped instead of waiting for it.
+    int stageFrame(FrameBuffer* frame, int delayMs, bool dropWhenBusy);
     static void* onRender(void* self);
     void renderLoop();
     void startRenderThread();
@@ -67,6 +75,8 @@ private:
 
     NativeMutex mLock;
     NativeCondition mCondition;
+    // Signalled when the presentation thread has taken the due picture.
+    NativeCondition mTakenCondition;
     std::shared_ptr<NativeWindow> mNativeWindow;
     // Flushes the producer has not seen yet; under mLock. Each frame handed
     // in takes them all: a frame that has some does not wait.
@@ -78,12 +88,15 @@ private:
     int mHeight;
     int mPixelFormat;
     int mRotation;
-    // Guarded by mLock; atomic because the thread's exit check reads it
-    // outside the lock.
+    // The staged picture is due and not yet taken by the presentation
+    // thread. Guarded by mLock; atomic because the thread's exit check
+    // reads it outside the lock.
     std::atomic<bool> mFrameReady;
     std::atomic<bool> mRunning;
     // Staging picture, unpadded planar YUV 4:2:0; contents under mLock.
     PicturePtr mPicture;
+    // Presentation time of the frame in the staging picture; under mLock.
+    int mPicturePtsMs;
     FFmpegVideoConverter mConverter;
     pthread_t mRenderThread;
     // A presentation thread was started and not joined yet.

@@ -1,0 +1,153 @@
+#include "Player/FrameJump.h"
+
+#include <android/log.h>
+
+#include <algorithm>
+
+namespace {
+const char* const kTag = "KavraMediaPlayer";
+// How long the jump waits for the next frame before it gives the seek up.
+constexpr int kJumpWaitMs = 600;
+// A target at most this far after the frame in hand is reached by decoding
+// forward, without repositioning the demultiplexer.
+constexpr int kDecodeForwardMs = 1000;
+// How often a reposition that landed after its target goes back further.
+constexpr int kSeekRetries = 4;
+}  // namespace
+
+FrameJump::FrameJump(Host& host, RenderManager& renderManager, const Request& request)
+    : mHost(host),
+      mRenderManager(renderManager),
+      mRequest(request),
+      mDecoder(nullptr),
+      mVideoQueue(nullptr),
+      mAudioQueue(nullptr),
+      mRepositionedAt(-1) {}
+
+void FrameJump::attach(KavraMediaDecoder* decoder, FrameBufferQueue* video, FrameBufferQueue* audio) {
+    mDecoder = decoder;
+    mVideoQueue = video;
+    mAudioQueue = audio;
+    mRepositionedAt = -1;
+}
+
+void FrameJump::clearRequestLocked() {
+    mRequest.target = -1;
+    mRequest.targetMoved = false;
+    mRequest.forceDemuxSeek = false;
+}
+
+int FrameJump::seekToInner(int ms) {
+    if (mDecoder != nullptr) {
+        mDecoder->seekTo(ms);
+    }
+    mRepositionedAt = ms;
+    mHost.onRepositioned();
+    return ms;
+}
+
+void FrameJump::presentNow(FrameBuffer* frame) {
+    // Waiting one millisecond makes the renderer take the frame rather than
+    // drop it as late.
+    VideoRender* render = mRenderManager.getVideoRender();
+    if (render != nullptr && mRenderManager.isVideoEnabled()) {
+        render->renderFrame(frame, 1);
+    }
+}
+
+int FrameJump::jumpVideoFrameTo(int target) {
+    int result = target;
+    int retries = 0;
+    FrameBufferQueue* queue = mVideoQueue;
+    while (queue != nullptr && !mHost.isStopped()) {
+        const int index = queue->dequeueOutputBufferIndex(kJumpWaitMs);
+        if (index < 0) {
+            if (mHost.isStopped()) {
+                break;
+            }
+            // The decoder gave nothing: reposition, let playback go on from
+            // there and give the seek up.
+            NativeMutexLock lock(mRequest.lock);
+            mRenderManager.setCurrentTime(seekToInner(mRequest.target));
+            mRepositionedAt = -1;
+            clearRequestLocked();
+            return -1;
+        }
+        FrameBuffer* frame = queue->getBuffer(index);
+        if (frame == nullptr) {
+            queue->releaseOutputBuffer();
+            continue;
+        }
+        NativeMutexLock lock(mRequest.lock);
+        if (frame->size == 0) {
+            // Past the last frame: the last picture stays, the clock shows
+            // the target.
+            result = mRequest.target;
+            clearRequestLocked();
+            mRenderManager.setCurrentTime(result);
+            queue->releaseOutputBuffer();
+            mHost.onStreamEnd(RenderManager::kStreamVideo);
+            return result;
+        }
+        const int pts = frame->ptsMs;
+        const int wanted = mRequest.target;
+        const int repositionedAt = mRepositionedAt;
+        mRepositionedAt = -1;
+        if (repositionedAt > 0 && pts > wanted && retries < kSeekRetries) {
+            // Some containers (MPEG-TS) land after the key frame before the
+            // target, and decoding then starts at a later key frame: go back
+            // further.
+            ++retries;
+            queue->releaseOutputBuffer();
+            seekToInner(std::max(0, wanted - kDecodeForwardMs * (1 << retries)));
+            continue;
+        }
+        if (mRequest.targetMoved.exchange(false)) {
+            // The first frame examined for a new target.
+            __android_log_print(ANDROID_LOG_ERROR, kTag, "mIsSeekPositonChanged");
+            const bool force = mRequest.forceDemuxSeek.exchange(false);
+            if (force || pts > wanted || wanted - pts > kDecodeForwardMs) {
+                queue->releaseOutputBuffer();
+                seekToInner(wanted);
+                continue;
+            }
+        }
+        // Frames that end before the target are dropped unconverted; the
+        // first that reaches it (or starts after it) is shown.
+        const bool reached = wanted <= pts + frame->durationMs;
+        if (reached) {
+            presentNow(frame);
+            mRequest.target = -1;
+            mRenderManager.setCurrentTime(pts);
+            result = pts;
+        }
+        queue->releaseOutputBuffer();
+        if (reached) {
+            return result;
+        }
+    }
+    return result;
+}
+
+int FrameJump::jumpAudioFrameTo(int target) {
+    FrameBufferQueue* queue = mAudioQueue;
+    while (queue != nullptr && !mHost.isStopped()) {
+        const int index = queue->dequeueOutputBufferIndex(kJumpWaitMs);
+        if (index < 0) {
+            return -1;
+        }
+        FrameBuffer* frame = queue->getBuffer(index);
+        const bool end = frame != nullptr && frame->size == 0;
+        const bool reached = frame != nullptr && !end && frame->ptsMs + frame->durationMs >= target;
+        const int pts = reached ? frame->ptsMs : -1;
+        queue->releaseOutputBuffer();
+        if (end) {
+            mHost.onStreamEnd(RenderManager::kStreamAudio);
+            return -1;
+        }
+        if (reached) {
+            return pts;
+        }
+    }
+    return -1;
+}
