@@ -114,6 +114,15 @@ private:
     std::vector<int16_t> mLeft;
 };
 
+// "0,1,2,..." for failure messages.
+std::string str(const std::vector<int>& v) {
+    std::string out;
+    for (int x : v) {
+        out += std::to_string(x) + ",";
+    }
+    return out;
+}
+
 // Tone frequency in Hz from the zero crossings of a stretch of samples.
 double frequency(const std::vector<int16_t>& s) {
     int crossings = 0;
@@ -213,7 +222,7 @@ TEST_P(PlayToEnd, EveryFrameOnceInOrderAndAgainAfterStop) {
         s.player.start();
         ASSERT_TRUE(s.events->waitFor(P::MEDIA_PLAYBACK_COMPLETE, pass));
         EXPECT_FALSE(s.window->waitForQueued(first + 61, 100));
-        EXPECT_EQ(s.frames(first), all);
+        EXPECT_EQ(s.frames(first), all) << str(s.frames(first));
         EXPECT_EQ(s.player.getStatus(), P::MEDIA_PLAYER_PLAYBACK_COMPLETE);
         s.player.stop();
         ASSERT_EQ(s.player.prepare(), 0);
@@ -243,7 +252,7 @@ TEST(KavraMediaPlayer, LoopingTwicePlaysThreePassesAndCompletesOnce) {
     for (int i = 0; i < 180; ++i) {
         passes[i] = i % 60;
     }
-    EXPECT_EQ(s.frames(), passes);
+    EXPECT_EQ(s.frames(), passes) << str(s.frames());
     EXPECT_EQ(s.events->count(P::MEDIA_PLAYBACK_COMPLETE), 1);
 }
 

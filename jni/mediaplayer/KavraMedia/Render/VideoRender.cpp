@@ -42,7 +42,7 @@ void logThreadFinish() { __android_log_print(ANDROID_LOG_ERROR, kTag, "onRender 
 
 // How many 1 ms turns a producer gives the presentation thread to take the
 // previous frame before the staging picture is written over.
-constexpr int kHandOverWaits = 50;
+constexpr int kHandOverWaits = 200;
 }  // namespace
 
 void VideoRender::PictureDeleter::operator()(Picture* picture) const {
