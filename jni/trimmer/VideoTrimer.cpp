@@ -392,8 +392,15 @@ int VideoTrimer::prepare() {
 }
 
 int VideoTrimer::readPacket() {
-    av_packet_unref(mPacket.get());
-    return av_read_frame(mpSrcFormatCtx.get(), mPacket.get());
+    for (;;) {
+        av_packet_unref(mPacket.get());
+        int ret = av_read_frame(mpSrcFormatCtx.get(), mPacket.get());
+        switch (mReadGuard.onRead(ret, mpSrcFormatCtx.get())) {
+        case ReadProgressGuard::READ_PACKET: return ret;
+        case ReadProgressGuard::READ_RETRY: break;
+        default: return ret < 0 ? ret : AVERROR_EOF;
+        }
+    }
 }
 
 // Positions the input at its very beginning; returns the first video key
@@ -998,6 +1005,31 @@ int VideoTrimer::writeAudioPacket(AVPacket* packet) {
 int64_t VideoTrimer::outputDurationUs() const {
     int64_t video = av_rescale_q(mVideoFramesWritten, av_inv_q(mFrameRate), kMicroseconds);
     return std::max(video, mAudioWrittenUs);
+}
+
+int64_t VideoTrimer::inputDurationUs() const {
+    if (!mpSrcFormatCtx) {
+        return 0;
+    }
+    const int64_t d = mpSrcFormatCtx->duration;
+    return d != kNoTime ? av_rescale_q(d, AV_TIME_BASE_Q, kMicroseconds) : kNoTime;
+}
+
+int64_t VideoTrimer::inputStartUs() const {
+    if (!mpSrcFormatCtx) {
+        return 0;
+    }
+    const int64_t t = mpSrcFormatCtx->start_time;
+    return t != kNoTime ? av_rescale_q(t, AV_TIME_BASE_Q, kMicroseconds) : kNoTime;
+}
+
+int64_t VideoTrimer::videoOriginUs() const {
+    if (!mpSrcFormatCtx || mSrcVideoIndex < 0) {
+        return 0;
+    }
+    // The origin startTrim counts from.
+    const AVStream* st = mpSrcFormatCtx->streams[mSrcVideoIndex];
+    return st->start_time != kNoTime ? av_rescale_q(st->start_time, st->time_base, kMicroseconds) : 0;
 }
 
 void VideoTrimer::startProgress(int64_t totalUs) {

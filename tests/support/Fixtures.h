@@ -14,6 +14,7 @@ namespace kavra::test {
 //   late_start.ts (starts near 1.4 s), bad_rotate.mkv (tag ROTATE=abc),
 //   truncated.mp4, truncated_nomoov.mp4, random.bin,
 //   h264_422.mp4 (H.264 4:2:2, no audio, 60 frames),
+//   h264_8192x8192.mp4 (one flat H.264 picture of 8192x8192, no index band),
 //   short_h264_aac.mp4 (the h264_aac.mp4 recipe, 2 s, 60 frames),
 //   short_video_only.mp4 (its video), short_damaged.mp4 (16 KiB of noise
 //   over its middle)
