@@ -440,26 +440,21 @@ TEST(KavraMediaPlayer, RotationSwapsTheSizeAndASecondSourceIsAnError) {
 
 // Misuse returns promptly with every thread joined (a hang fails the run).
 TEST(KavraMediaPlayer, StopAndReleaseAtAnyMomentReturn) {
-    {
-        Session s("h264_aac.mp4");  // right after prepare
+    enum { kAfterPrepare, kWhilePaused, kDuringSeek };
+    for (int when : {kAfterPrepare, kWhilePaused, kDuringSeek}) {
+        Session s("h264_aac.mp4");
+        if (when != kAfterPrepare) {
+            s.player.start();
+            ASSERT_TRUE(s.waitQueued(3));
+        }
+        when == kWhilePaused ? s.player.pause() : s.player.seekTo(8000);
         s.player.stop();
+        if (when == kDuringSeek) {
+            EXPECT_EQ(s.player.prepare(), 0);  // and the session stops it again
+            continue;
+        }
         s.player.release();
         s.player.release();
-    }
-    {
-        Session s("h264_aac.mp4");  // while paused
-        s.player.start();
-        ASSERT_TRUE(s.waitQueued(3));
-        s.player.pause();
-        s.player.stop();
-    }
-    {
-        Session s("h264_aac.mp4");  // during a seek
-        s.player.start();
-        ASSERT_TRUE(s.waitQueued(3));
-        s.player.seekTo(8000);
-        s.player.stop();
-        EXPECT_EQ(s.player.prepare(), 0);
     }
 }
 
