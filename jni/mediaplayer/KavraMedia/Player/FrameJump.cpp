@@ -56,6 +56,9 @@ void FrameJump::presentNow(FrameBuffer* frame) {
 }
 
 int FrameJump::jumpVideoFrameTo(int target) {
+    // The request's lock is held while a frame is examined, never while the
+    // pipeline repositions (that waits for the demux thread, which takes
+    // the queues' locks).
     int result = target;
     int retries = 0;
     FrameBufferQueue* queue = mVideoQueue;
@@ -66,11 +69,17 @@ int FrameJump::jumpVideoFrameTo(int target) {
                 break;
             }
             // The decoder gave nothing: reposition, let playback go on from
-            // there and give the seek up.
+            // there and give the seek up (unless a newer one came).
+            mRequest.lock.lock();
+            const int wanted = mRequest.target;
+            mRequest.lock.unlock();
+            seekToInner(wanted);
             NativeMutexLock lock(mRequest.lock);
-            mRenderManager.setCurrentTime(seekToInner(mRequest.target));
             mRepositionedAt = -1;
-            clearRequestLocked();
+            mRenderManager.setCurrentTime(wanted);
+            if (!mRequest.targetMoved) {
+                clearRequestLocked();
+            }
             return -1;
         }
         FrameBuffer* frame = queue->getBuffer(index);
@@ -78,7 +87,7 @@ int FrameJump::jumpVideoFrameTo(int target) {
             queue->releaseOutputBuffer();
             continue;
         }
-        NativeMutexLock lock(mRequest.lock);
+        mRequest.lock.lock();
         if (frame->size == 0) {
             // Past the last frame: the last picture stays, the clock shows
             // the target.
@@ -87,34 +96,31 @@ int FrameJump::jumpVideoFrameTo(int target) {
             mRenderManager.setCurrentTime(result);
             queue->releaseOutputBuffer();
             mHost.onStreamEnd(RenderManager::kStreamVideo);
+            mRequest.lock.unlock();
             return result;
         }
         const int pts = frame->ptsMs;
         const int wanted = mRequest.target;
         const int repositionedAt = mRepositionedAt;
         mRepositionedAt = -1;
+        int repositionTo = -1;
         if (repositionedAt > 0 && pts > wanted && retries < kSeekRetries) {
             // Some containers (MPEG-TS) land after the key frame before the
             // target, and decoding then starts at a later key frame: go back
             // further.
             ++retries;
-            queue->releaseOutputBuffer();
-            seekToInner(std::max(0, wanted - kDecodeForwardMs * (1 << retries)));
-            continue;
-        }
-        if (mRequest.targetMoved.exchange(false)) {
+            repositionTo = std::max(0, wanted - kDecodeForwardMs * (1 << retries));
+        } else if (mRequest.targetMoved.exchange(false)) {
             // The first frame examined for a new target.
             __android_log_print(ANDROID_LOG_ERROR, kTag, "mIsSeekPositonChanged");
             const bool force = mRequest.forceDemuxSeek.exchange(false);
             if (force || pts > wanted || wanted - pts > kDecodeForwardMs) {
-                queue->releaseOutputBuffer();
-                seekToInner(wanted);
-                continue;
+                repositionTo = wanted;
             }
         }
         // Frames that end before the target are dropped unconverted; the
         // first that reaches it (or starts after it) is shown.
-        const bool reached = wanted <= pts + frame->durationMs;
+        const bool reached = repositionTo < 0 && wanted <= pts + frame->durationMs;
         if (reached) {
             presentNow(frame);
             mRequest.target = -1;
@@ -122,8 +128,12 @@ int FrameJump::jumpVideoFrameTo(int target) {
             result = pts;
         }
         queue->releaseOutputBuffer();
+        mRequest.lock.unlock();
         if (reached) {
             return result;
+        }
+        if (repositionTo >= 0) {
+            seekToInner(repositionTo);
         }
     }
     return result;
