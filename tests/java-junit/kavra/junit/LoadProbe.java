@@ -1,0 +1,16 @@
+package kavra.junit;
+
+/** Loads the library in a JVM of its own and says how that went: exit 0 loaded, 3 refused. */
+public final class LoadProbe {
+    private LoadProbe() {}
+
+    public static void main(String[] args) {
+        try {
+            System.loadLibrary("kavra_gallery_player");
+        } catch (UnsatisfiedLinkError e) {
+            System.out.println("refused: " + e.getMessage());
+            System.exit(3);
+        }
+        System.out.println("loaded");
+    }
+}
