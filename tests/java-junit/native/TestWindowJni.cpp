@@ -1,6 +1,6 @@
 // Native half of kavra.junit.TestWindow: an in-memory native window behind
-// a Java Surface, and read-back of the buffers queued to it. Built into a
-// test-only library of its own; the shipped library knows nothing of it.
+// a Java Surface, and read-back of the buffers queued to it. Built into the
+// tests' own library; the shipped library knows nothing of it.
 
 #include <jni.h>
 
@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "Platform/MemoryNativeWindow.h"
+#include "JunitNatives.h"
 #include "Surface.h"
 
 namespace {
@@ -67,18 +68,6 @@ const JNINativeMethod kMethods[] = {
 
 }  // namespace
 
-// This library's own entry point, so that the loader never runs the one of
-// a library it depends on.
-extern "C" JNIEXPORT jint JNI_OnLoad(JavaVM* vm, void*) {
-    JNIEnv* env = nullptr;
-    if (vm->GetEnv(reinterpret_cast<void**>(&env), JNI_VERSION_1_6) != JNI_OK) {
-        return -1;
-    }
-    jclass cls = env->FindClass("kavra/junit/TestWindow");
-    if (cls == nullptr) {
-        return -1;
-    }
-    jint result = env->RegisterNatives(cls, kMethods, static_cast<jint>(sizeof(kMethods) / sizeof(kMethods[0])));
-    env->DeleteLocalRef(cls);
-    return result < 0 ? -1 : JNI_VERSION_1_6;
+bool registerTestWindow(JNIEnv* env) {
+    return registerNatives(env, "kavra/junit/TestWindow", kMethods, sizeof(kMethods) / sizeof(kMethods[0]));
 }

@@ -8,7 +8,7 @@ import android.view.Surface;
  */
 final class TestWindow implements AutoCloseable {
     static {
-        System.loadLibrary("kavra_test_window");
+        System.loadLibrary("kavra_junit_native");
     }
 
     /** One queued buffer: YV12, luma rows {@code stride} bytes apart. */
@@ -27,6 +27,21 @@ final class TestWindow implements AutoCloseable {
 
         int luma(int x, int y) {
             return bytes[y * stride + x] & 0xff;
+        }
+
+        /** The fixture frame index drawn in the picture's luma (see Media.frameIndex). */
+        int frameIndex() {
+            int band = height * 2 / 15;
+            int index = 0;
+            for (int b = 0; b < 10; b++) {
+                int luma = luma((b * width / 10 + (b + 1) * width / 10) / 2, band / 2);
+                if (luma > 170) {
+                    index |= 1 << b;
+                } else if (luma > 85) {
+                    return -1;
+                }
+            }
+            return index;
         }
 
         private int chromaStride() {

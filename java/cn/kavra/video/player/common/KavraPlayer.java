@@ -196,12 +196,12 @@ public class KavraPlayer implements AutoCloseable {
         return _getAudioTrackCount();
     }
 
-    /** The audio track playing, counted among the file's audio tracks. */
+    /** The stream index, among all of the file's streams, of the audio track playing; -1 without audio. */
     public synchronized int getAudioTrackIndex() {
         return _getAudioTrackIndex(0);
     }
 
-    /** Switches to another audio track at the current position. */
+    /** Switches to audio track {@code index} (0-based among the audio tracks) at the current position. */
     public synchronized void setAudioTrack(int index) {
         _setAudioTrack(index);
     }
