@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <memory>
+#include <string>
 #include <thread>
 
 #include "Common/FrameBuffer.h"
@@ -64,7 +65,8 @@ public:
     // Events go to the Java object's static postEventFromNative.
     void setListener(JNIEnv* env, jobject thiz, jobject weakThis, jmethodID post);
     // Events go to a native listener (a subclass overriding notify). An
-    // earlier listener is freed.
+    // earlier listener is freed. Events are sent with the status lock held:
+    // a listener must not call back into the player.
     void setListener(std::unique_ptr<NativeEventPostListener> listener);
 
     // Opens and probes the file (legal when idle). 0, or -1 with the player
@@ -148,33 +150,49 @@ public:
 
 private:
     void init();
+    // Opens mPath into a new pipeline; 0 or -1.
+    int openDecoder();
     void notifyListener(int what, int arg1, int arg2);
+    // The guarded change and the events, with mStatusLock held.
+    void updateStatusLocked(int status);
+    void handleStatusLocked(int status);
     int prepareVideo();
     int prepareAudio();
+    // Records a seek to an absolute media time; the render threads carry it
+    // out. forceDemuxSeek: reposition even when decoding forward would do.
+    void requestSeek(int absoluteMs, bool forceDemuxSeek);
+    void joinRenderThreads();
+    void freeDecoder();
+
     // The render loop of one stream (RenderManager::kStreamVideo or
     // kStreamAudio).
     void onRenderFrame(int stream);
+    // Takes one frame of the stream and presents or drops it.
+    void renderNextFrame(int stream);
     // The gate of the render loops: true to go on rendering, false to end.
     bool isRenderFrame();
+    // Marks the end of a stream and runs the completion check.
+    void setFinished(int stream);
     // Decides completion (or the next loop pass) once both streams ended.
     void updateRenderFinishStatus();
-    void setFinished(int stream);
-    // Stops the pipeline and joins every thread; the objects stay.
-    void stopAndJoin();
-    void freeDecoder();
 
     // Seek work, on the render threads.
     void handleSeekWork();
+    // Repositions the demultiplexer at `ms`; returns `ms`.
     int seekToInner(int ms);
+    // Decodes forward to the first video frame that reaches `ms` and shows
+    // it: that frame's time, the target at the end of the stream, -1 when
+    // no frame came.
     int jumpVideoFrameTo(int ms);
+    // Drops audio frames up to and including the first that reaches `ms`:
+    // that frame's time, -1 at the end of the stream or when none came.
     int jumpAudioFrameTo(int ms);
-    // Drops audio frames that end before `ms`, and the one reaching it.
-    void dropAudioTo(int ms);
-    // Takes one frame from `queue` (waiting up to timeoutMs), drops it and
-    // returns its time; -1 when none came. Marks the end of a stream.
-    int dropOneFrame(int stream, int timeoutMs);
+    // Shows a frame at once (the clock is stopped during a seek).
+    void presentNow(FrameBuffer* frame);
     bool isStopped() const { return mStatus.load() == MEDIA_PLAYER_STOPPED; }
 
+    // The file, kept for the extractor and for a new prepare after stop.
+    std::string mPath;
     std::atomic<int> mVideoStreamIndex;
     std::atomic<int> mAudioStreamIndex;
     std::unique_ptr<KavraMediaDecoder> mDecoder;
