@@ -5,6 +5,7 @@ import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import cn.kavra.video.editor.KavraTrimer;
 import cn.kavra.video.editor.VideoItem;
+import cn.kavra.video.player.common.KavraPlayer;
 import cn.kavra.video.player.common.VideoRender;
 
 import java.nio.file.Path;
@@ -44,6 +45,42 @@ class LeakTest {
 
     interface ThrowingRunnable {
         void run() throws Exception;
+    }
+
+    @Test
+    void playerGettersAndCycles() throws Exception {
+        String clip = Media.fixture("h264_aac.mp4");
+        try (KavraPlayer player = new KavraPlayer()) {
+            player.setDataSource(clip);
+            assertFlat("KavraPlayer getters", () -> {
+                for (int i = 0; i < CALLS; i++) {
+                    player.getDuration();
+                    player.getCurrentPosition();
+                    player.getVideoWidth();
+                    player.getVideoHeight();
+                    player.getRotation();
+                    player.getFrameRate();
+                    player.getSampleRate();
+                    player.getChannels();
+                    player.getAudioTrackCount();
+                    player.getAudioTrackIndex();
+                    player.isPlaying();
+                }
+            });
+        }
+        KavraPlayer.NativeGetAudioBufferCallback pcm = data -> {};
+        assertFlat("KavraPlayer cycles", () -> {
+            for (int i = 0; i < CYCLES; i++) {
+                try (TestWindow window = new TestWindow(); KavraPlayer player = new KavraPlayer()) {
+                    player.setOnPreparedListener(p -> {});
+                    player.setDataSource(clip);
+                    player.setSurface(window.surface);
+                    player.setAudioCallback(pcm);
+                    player.prepare();
+                    player.stop();
+                }
+            }
+        });
     }
 
     @Test
