@@ -9,90 +9,67 @@ import cn.kavra.video.player.common.KavraPlayer;
 import java.nio.ByteBuffer;
 import java.nio.ByteOrder;
 import java.util.ArrayList;
+import java.util.Collections;
 import java.util.List;
 
 import org.junit.jupiter.api.Test;
 
 /** Playback driven from Java, with the picture read back from the window and the sound from the PCM. */
 class KavraPlayerTest {
-    /** Keeps the PCM handed to the app and the events, in arrival order. */
-    private static final class Recorder implements KavraPlayer.NativeGetAudioBufferCallback {
-        final List<String> events = new ArrayList<>();
-        private final List<byte[]> pcm = new ArrayList<>();
+    private final List<String> events = Collections.synchronizedList(new ArrayList<>());
+    private final List<byte[]> pcm = Collections.synchronizedList(new ArrayList<>());
 
-        Recorder(KavraPlayer player) {
-            player.setOnVideoSizeChangedListener((p, w, h) -> add("size " + w + "x" + h));
-            player.setOnPreparedListener(p -> add("prepared"));
-            player.setOnCompletionListener(p -> add("complete"));
-            player.setOnErrorListener((p, what, extra) -> add("error"));
+    /** A player reporting its events and PCM here, opened on a fixture and prepared. */
+    private KavraPlayer prepared(String fixture, TestWindow window) throws Exception {
+        KavraPlayer player = new KavraPlayer();
+        player.setOnVideoSizeChangedListener((p, w, h) -> events.add("size " + w + "x" + h));
+        player.setOnPreparedListener(p -> events.add("prepared"));
+        player.setOnCompletionListener(p -> events.add("complete"));
+        player.setOnErrorListener((p, what, extra) -> events.add("error"));
+        assertEquals(0, player.setDataSource(Media.fixture(fixture)));
+        if (window != null) {
+            assertEquals(0, player.setSurface(window.surface));
         }
+        player.setAudioCallback(data -> pcm.add(data.clone()));
+        assertEquals(0, player.prepare());
+        assertTrue(Media.await(() -> events.contains("prepared"), 10_000));
+        return player;
+    }
 
-        private synchronized void add(String event) {
-            events.add(event);
+    /** Frequency of the stereo 16-bit tone in the PCM buffers from {@code first} on, from its zero crossings. */
+    private double toneHz(int first, int sampleRate) {
+        int crossings = 0;
+        long frames = 0;
+        short previous = 0;
+        List<byte[]> buffers;
+        synchronized (pcm) {
+            buffers = new ArrayList<>(pcm.subList(first, pcm.size()));
         }
-
-        synchronized boolean has(String event) {
-            return events.contains(event);
-        }
-
-        @Override
-        public synchronized void onAudioBuffer(byte[] data) {
-            pcm.add(data.clone());
-        }
-
-        synchronized int pcmBuffers() {
-            return pcm.size();
-        }
-
-        /**
-         * Frequency of a stereo 16-bit tone from the zero crossings of the
-         * left channel over the buffers from {@code first} on.
-         */
-        synchronized double toneHz(int first, int sampleRate) {
-            int crossings = 0;
-            long frames = 0;
-            short previous = 0;
-            for (byte[] buffer : pcm.subList(first, pcm.size())) {
-                ByteBuffer samples = ByteBuffer.wrap(buffer).order(ByteOrder.nativeOrder());
-                for (int i = 0; i + 3 < buffer.length; i += 4, frames++) {
-                    short left = samples.getShort(i);
-                    if ((previous < 0) != (left < 0)) {
-                        crossings++;
-                    }
-                    previous = left;
-                }
+        for (byte[] buffer : buffers) {
+            ByteBuffer samples = ByteBuffer.wrap(buffer).order(ByteOrder.nativeOrder());
+            for (int i = 0; i + 3 < buffer.length; i += 4, frames++) {
+                crossings += (previous < 0) != (samples.getShort(i) < 0) ? 1 : 0;
+                previous = samples.getShort(i);
             }
-            return crossings / 2.0 / ((double) frames / sampleRate);
         }
+        return crossings / 2.0 * sampleRate / frames;
     }
 
     @Test
     void playsToCompletionWithEventsInOrder() throws Exception {
-        try (TestWindow window = new TestWindow(); KavraPlayer player = new KavraPlayer()) {
-            Recorder recorder = new Recorder(player);
-            // A 2 s clip, 320x240, with sound.
-            assertEquals(0, player.setDataSource(Media.fixture("bad_rotate.mkv")));
-            assertEquals(0, player.setSurface(window.surface));
-            player.setAudioCallback(recorder);
-            assertEquals(0, player.prepare());
-            assertTrue(Media.await(() -> recorder.has("prepared"), 10_000));
+        // A 2 s clip of 60 frames, 320x240, with sound.
+        try (TestWindow window = new TestWindow(); KavraPlayer player = prepared("bad_rotate.mkv", window)) {
             assertEquals(0, player.start());
-            assertTrue(Media.await(() -> recorder.has("complete"), 30_000), "events " + recorder.events);
-            assertEquals(List.of("size 320x240", "prepared", "complete"), recorder.events);
-            assertTrue(recorder.pcmBuffers() > 0);
+            assertTrue(Media.await(() -> events.contains("complete"), 30_000), "events " + events);
+            assertEquals(List.of("size 320x240", "prepared", "complete"), events);
+            assertFalse(pcm.isEmpty());
             assertEquals(59, window.last().frameIndex());
         }
     }
 
     @Test
     void seekWhilePausedShowsTheFrameAtTheTarget() throws Exception {
-        try (TestWindow window = new TestWindow(); KavraPlayer player = new KavraPlayer()) {
-            Recorder recorder = new Recorder(player);
-            assertEquals(0, player.setDataSource(Media.fixture("h264_aac.mp4")));
-            assertEquals(0, player.setSurface(window.surface));
-            player.setAudioCallback(recorder);
-            player.prepare();
-            assertTrue(Media.await(() -> recorder.has("prepared"), 10_000));
+        try (TestWindow window = new TestWindow(); KavraPlayer player = prepared("h264_aac.mp4", window)) {
             player.start();
             assertTrue(window.waitForQueued(1));
             player.pause();
@@ -107,26 +84,20 @@ class KavraPlayerTest {
 
     @Test
     void audioTrackSwitchChangesWhatIsHeard() throws Exception {
-        try (KavraPlayer player = new KavraPlayer()) {
-            Recorder recorder = new Recorder(player);
-            // Track 0 is a 440 Hz tone, track 1 an 880 Hz one.
-            assertEquals(0, player.setDataSource(Media.fixture("two_audio.mp4")));
-            player.setAudioCallback(recorder);
-            player.prepare();
-            assertTrue(Media.await(() -> recorder.has("prepared"), 10_000));
+        // Streams: video 0, then audio 1 (a 440 Hz tone) and 2 (880 Hz).
+        try (KavraPlayer player = prepared("two_audio.mp4", null)) {
             assertEquals(2, player.getAudioTrackCount());
-            // Streams: video 0, audio 1 and 2.
             assertEquals(1, player.getAudioTrackIndex());
             player.start();
-            assertTrue(Media.await(() -> recorder.pcmBuffers() >= 20, 10_000));
-            assertEquals(440, recorder.toneHz(2, player.getSampleRate()), 20);
+            assertTrue(Media.await(() -> pcm.size() >= 20, 10_000));
+            assertEquals(440, toneHz(2, player.getSampleRate()), 20);
 
             player.setAudioTrack(1);
             assertEquals(2, player.getAudioTrackIndex());
             // Frames decoded before the switch may still be on their way.
-            int switched = recorder.pcmBuffers() + 15;
-            assertTrue(Media.await(() -> recorder.pcmBuffers() >= switched + 20, 10_000));
-            assertEquals(880, recorder.toneHz(switched, player.getSampleRate()), 20);
+            int switched = pcm.size() + 15;
+            assertTrue(Media.await(() -> pcm.size() >= switched + 20, 10_000));
+            assertEquals(880, toneHz(switched, player.getSampleRate()), 20);
         }
     }
 
@@ -141,7 +112,6 @@ class KavraPlayerTest {
             player.release();
             player.release();
             assertEquals(-1, player.setDataSource(Media.fixture("h264_aac.mp4")));
-            assertEquals(-1, player.setSurface(window.surface));
             assertEquals(-1, player.prepare());
             assertFalse(player.isPlaying());
             assertEquals(-1, player.getDuration());

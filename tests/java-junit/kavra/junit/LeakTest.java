@@ -9,24 +9,26 @@ import cn.kavra.video.player.common.KavraPlayer;
 import cn.kavra.video.player.common.VideoRender;
 
 import java.nio.file.Path;
+import java.util.function.IntSupplier;
 
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.io.TempDir;
 
 /**
- * Many calls and many create/use/release cycles across the boundary leave
- * the JVM's global references and the resident memory where they were.
- * The reference bound leaves room for the JVM's own few; the memory bound
- * is generous: it catches native objects left behind (each holds decoders
- * and buffers of a megabyte or more), not allocator noise.
+ * 10,000 calls of each getter and 200 create/use/release cycles of each
+ * class leave the JVM's global references and the resident memory where
+ * they were (measured after one warm-up round). The JVM may take a few
+ * references of its own meanwhile; the memory bound catches native objects
+ * left behind (each holds decoders or buffers of a megabyte or more).
  */
 class LeakTest {
-    private static final int CALLS = 10_000;
     private static final int CYCLES = 200;
-    private static final long RSS_BOUND_KIB = 48 * 1024;
 
-    /** Runs {@code work} once to warm up, then measures it. */
-    private static void assertFlat(String what, ThrowingRunnable work) throws Exception {
+    interface Work {
+        void run() throws Exception;
+    }
+
+    private static void assertFlat(String what, Work work) throws Exception {
         work.run();
         System.gc();
         int refs = JvmProbe.globalRefCount();
@@ -36,46 +38,36 @@ class LeakTest {
         int refsAfter = JvmProbe.globalRefCount();
         long rssAfter = JvmProbe.residentKiB();
         System.out.printf("%s: global refs %d -> %d, RSS %d -> %d KiB%n", what, refs, refsAfter, rss, rssAfter);
-        assertTrue(refs >= 0);
-        // The JVM itself may take a reference or two meanwhile (its compiler
-        // threads); one leaked per call or per cycle would be thousands.
-        assertTrue(refsAfter - refs <= 3, what + ": global references " + refs + " -> " + refsAfter);
-        assertTrue(rssAfter - rss < RSS_BOUND_KIB, what + ": RSS grew by " + (rssAfter - rss) + " KiB");
+        assertTrue(refs >= 0 && refsAfter - refs <= 3, what + ": global references " + refs + " -> " + refsAfter);
+        assertTrue(rssAfter - rss < 48 * 1024, what + ": RSS grew by " + (rssAfter - rss) + " KiB");
     }
 
-    interface ThrowingRunnable {
-        void run() throws Exception;
+    private static void assertGettersFlat(String what, IntSupplier... getters) throws Exception {
+        assertFlat(what, () -> {
+            for (IntSupplier getter : getters) {
+                for (int i = 0; i < 10_000; i++) {
+                    getter.getAsInt();
+                }
+            }
+        });
     }
 
     @Test
-    void playerGettersAndCycles() throws Exception {
+    void player() throws Exception {
         String clip = Media.fixture("h264_aac.mp4");
-        try (KavraPlayer player = new KavraPlayer()) {
-            player.setDataSource(clip);
-            assertFlat("KavraPlayer getters", () -> {
-                for (int i = 0; i < CALLS; i++) {
-                    player.getDuration();
-                    player.getCurrentPosition();
-                    player.getVideoWidth();
-                    player.getVideoHeight();
-                    player.getRotation();
-                    player.getFrameRate();
-                    player.getSampleRate();
-                    player.getChannels();
-                    player.getAudioTrackCount();
-                    player.getAudioTrackIndex();
-                    player.isPlaying();
-                }
-            });
+        try (KavraPlayer p = new KavraPlayer()) {
+            p.setDataSource(clip);
+            assertGettersFlat("KavraPlayer getters", p::getDuration, p::getCurrentPosition, p::getVideoWidth,
+                    p::getVideoHeight, p::getRotation, p::getFrameRate, p::getSampleRate, p::getChannels,
+                    p::getAudioTrackCount, p::getAudioTrackIndex, () -> p.isPlaying() ? 1 : 0);
         }
-        KavraPlayer.NativeGetAudioBufferCallback pcm = data -> {};
         assertFlat("KavraPlayer cycles", () -> {
             for (int i = 0; i < CYCLES; i++) {
                 try (TestWindow window = new TestWindow(); KavraPlayer player = new KavraPlayer()) {
                     player.setOnPreparedListener(p -> {});
                     player.setDataSource(clip);
                     player.setSurface(window.surface);
-                    player.setAudioCallback(pcm);
+                    player.setAudioCallback(data -> {});
                     player.prepare();
                     player.stop();
                 }
@@ -84,20 +76,12 @@ class LeakTest {
     }
 
     @Test
-    void editorItemGettersAndCycles() throws Exception {
+    void editorItem() throws Exception {
         String clip = Media.fixture("h264_aac.mp4");
         try (VideoItem item = new VideoItem()) {
             assertEquals(0, item.setDataSource(clip, false));
-            assertFlat("VideoItem getters", () -> {
-                for (int i = 0; i < CALLS; i++) {
-                    item.getDuration();
-                    item.getRotation();
-                    item.getFrameRate();
-                    item.getWidth();
-                    item.getHeight();
-                    item.getVideoMimeId();
-                }
-            });
+            assertGettersFlat("VideoItem getters", item::getDuration, item::getRotation, item::getFrameRate,
+                    item::getWidth, item::getHeight, item::getVideoMimeId);
         }
         int[] pixels = new int[80 * 60];
         assertFlat("VideoItem cycles", () -> {
@@ -111,22 +95,17 @@ class LeakTest {
     }
 
     @Test
-    void trimmerCycles(@TempDir Path dir) throws Exception {
-        String clip = Media.fixture("mpeg4.mp4");
+    void trimmerAndRenderer(@TempDir Path dir) throws Exception {
         String out = dir.resolve("out.mp4").toString();
         assertFlat("KavraTrimer cycles", () -> {
             for (int i = 0; i < CYCLES; i++) {
-                try (KavraTrimer trimer = new KavraTrimer(clip, out)) {
+                try (KavraTrimer trimer = new KavraTrimer(Media.fixture("mpeg4.mp4"), out)) {
                     trimer.setOnProgressListener((t, percent) -> {});
                     trimer.setTrimRange(0, 100_000);
                     assertEquals(0, trimer.prepare());
                 }
             }
         });
-    }
-
-    @Test
-    void rendererCycles() throws Exception {
         byte[] frame = new byte[64 * 48 * 3 / 2];
         try (TestWindow window = new TestWindow()) {
             assertFlat("VideoRender cycles", () -> {

@@ -4,6 +4,7 @@ import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import java.io.File;
 import java.util.function.BooleanSupplier;
+import java.util.function.IntBinaryOperator;
 
 /** The generated test media, and reading the frame index drawn into their frames. */
 final class Media {
@@ -16,25 +17,26 @@ final class Media {
     }
 
     /**
-     * The frame index drawn into a fixture frame: a band over the top 2/15
-     * of the picture split into 10 blocks, block b light when bit b is set.
-     * Reads the centre of each block from RGBA pixels ({@code int}s with R
-     * in the low byte); -1 when a block is neither clearly dark nor light.
+     * The index drawn into a fixture frame: a band over the top 2/15 split
+     * into 10 blocks, block b light when bit b is set. {@code brightness}
+     * gives 0-255 at (x, y); -1 when a block is neither dark nor light.
      */
-    static int frameIndex(int[] rgba, int width, int height) {
-        int band = height * 2 / 15;
+    static int frameIndex(int width, int height, IntBinaryOperator brightness) {
         int index = 0;
         for (int b = 0; b < 10; b++) {
-            int x = (b * width / 10 + (b + 1) * width / 10) / 2;
-            int p = rgba[(band / 2) * width + x];
-            int luma = ((p & 0xff) + ((p >> 8) & 0xff) + ((p >> 16) & 0xff)) / 3;
-            if (luma > 170) {
+            int level = brightness.applyAsInt((b * width / 10 + (b + 1) * width / 10) / 2, height / 15);
+            if (level > 170) {
                 index |= 1 << b;
-            } else if (luma > 85) {
+            } else if (level > 85) {
                 return -1;
             }
         }
         return index;
+    }
+
+    /** From RGBA pixels: R in the low byte of each int. */
+    static int frameIndex(int[] rgba, int width, int height) {
+        return frameIndex(width, height, (x, y) -> rgba[y * width + x] & 0xff);
     }
 
     /** Waits at most timeoutMs for the condition; true when it held. */

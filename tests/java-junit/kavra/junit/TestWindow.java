@@ -2,16 +2,13 @@ package kavra.junit;
 
 import android.view.Surface;
 
-/**
- * An in-memory native window to hand to the engine as a Surface, keeping
- * every buffer queued to it (YV12 layout) for the test to read back.
- */
+/** An in-memory native window behind a Surface, keeping every buffer queued to it for read-back. */
 final class TestWindow implements AutoCloseable {
     static {
         System.loadLibrary("kavra_junit_native");
     }
 
-    /** One queued buffer: YV12, luma rows {@code stride} bytes apart. */
+    /** One queued buffer, YV12: luma rows {@code stride} bytes apart, then V, then U. */
     static final class Buffer {
         final int width;
         final int height;
@@ -19,9 +16,9 @@ final class TestWindow implements AutoCloseable {
         final byte[] bytes;
 
         Buffer(int[] geometry, byte[] bytes) {
-            this.width = geometry[0];
-            this.height = geometry[1];
-            this.stride = geometry[2];
+            width = geometry[0];
+            height = geometry[1];
+            stride = geometry[2];
             this.bytes = bytes;
         }
 
@@ -29,33 +26,14 @@ final class TestWindow implements AutoCloseable {
             return bytes[y * stride + x] & 0xff;
         }
 
-        /** The fixture frame index drawn in the picture's luma (see Media.frameIndex). */
+        /** Chroma plane 0 (V) or 1 (U). */
+        int chroma(int plane, int x, int y) {
+            int chromaStride = (stride / 2 + 15) / 16 * 16;
+            return bytes[stride * height + plane * chromaStride * ((height + 1) / 2) + y * chromaStride + x] & 0xff;
+        }
+
         int frameIndex() {
-            int band = height * 2 / 15;
-            int index = 0;
-            for (int b = 0; b < 10; b++) {
-                int luma = luma((b * width / 10 + (b + 1) * width / 10) / 2, band / 2);
-                if (luma > 170) {
-                    index |= 1 << b;
-                } else if (luma > 85) {
-                    return -1;
-                }
-            }
-            return index;
-        }
-
-        private int chromaStride() {
-            return ((stride / 2) + 15) / 16 * 16;
-        }
-
-        /** V comes first in YV12, then U. */
-        int v(int x, int y) {
-            return bytes[stride * height + y * chromaStride() + x] & 0xff;
-        }
-
-        int u(int x, int y) {
-            int cs = chromaStride();
-            return bytes[stride * height + cs * ((height + 1) / 2) + y * cs + x] & 0xff;
+            return Media.frameIndex(width, height, this::luma);
         }
     }
 
@@ -70,6 +48,7 @@ final class TestWindow implements AutoCloseable {
         return queuedCount(handle);
     }
 
+    /** The last buffer queued, or null. */
     Buffer last() {
         int[] geometry = new int[4];
         byte[] bytes = lastQueued(handle, geometry);
@@ -84,10 +63,7 @@ final class TestWindow implements AutoCloseable {
     @Override
     public void close() {
         surface.release();
-        if (handle != 0) {
-            destroy(handle);
-            handle = 0;
-        }
+        destroy(handle);
     }
 
     private static native long create();
