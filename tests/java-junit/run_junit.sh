@@ -5,7 +5,9 @@
 # run fails when a test fails, when the JVM dies, and when the JVM printed a
 # JNI warning or error, which -Xcheck:jni reports without failing anything
 # itself. SELECTOR is passed to the console launcher, e.g.
-# --select-class=kavra.junit.VideoItemTest.
+# --select-class=kavra.junit.VideoItemTest. KAVRA_JAVA_PRELOAD, when set, is
+# preloaded into the JVM (and the JVMs it starts) only: a sanitizer run-time
+# that an instrumented library needs.
 set -uo pipefail
 [[ $# -ge 6 ]] || { echo "usage: $0 JAVA CLASSPATH LIBRARY_PATH FIXTURES JUNIT_JAR SELECTOR..." >&2; exit 2; }
 java=$1 classpath=$2 libpath=$3 fixtures=$4 junit=$5
@@ -14,7 +16,7 @@ shift 5
 log=$(mktemp "${TMPDIR:-/tmp}/kavra_junit.XXXXXX")
 trap 'rm -f -- "$log"' EXIT
 
-"$java" -Xcheck:jni -Xmx256m \
+LD_PRELOAD="${KAVRA_JAVA_PRELOAD:-${LD_PRELOAD:-}}" "$java" -Xcheck:jni -Xmx256m \
     -Djava.library.path="$libpath" \
     -Dkavra.fixtures="$fixtures" -Dkavra.classpath="$classpath" -Dkavra.java="$java" \
     -jar "$junit" --disable-banner --disable-ansi-colors --details=tree \
