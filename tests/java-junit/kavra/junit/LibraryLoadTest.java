@@ -13,6 +13,8 @@ import java.io.File;
 import java.io.FileOutputStream;
 import java.nio.charset.StandardCharsets;
 import java.nio.file.Path;
+import java.util.ArrayList;
+import java.util.List;
 import java.util.concurrent.TimeUnit;
 import java.util.jar.JarEntry;
 import java.util.jar.JarFile;
@@ -52,14 +54,31 @@ class LibraryLoadTest {
                 }
             }
         }
-        Process process = new ProcessBuilder(System.getProperty("kavra.java"), "-Xcheck:jni",
-                "-Djava.library.path=" + System.getProperty("java.library.path"),
-                "-cp", classpath.toString(), LoadProbe.class.getName()).redirectErrorStream(true).start();
-        String output = new String(process.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
-        assertTrue(process.waitFor(60, TimeUnit.SECONDS));
-        assertEquals(3, process.exitValue(), output);
+        String output = probe(classpath.toString());
         assertTrue(output.contains("ERROR: register_cn_kavra_video_editor registration failed"), output);
         assertFalse(output.contains("register_cn_kavra_video_render registration failed"), output);
+        assertTrue(output.endsWith("exit 3"), output);
+    }
+
+    @Test
+    void ffmpegStaysQuietOnceLoaded() throws Exception {
+        // FFmpeg would print "moov atom not found" on its own.
+        String output = probe(System.getProperty("kavra.classpath"), Media.fixture("truncated_nomoov.mp4"));
+        assertTrue(output.contains("loaded") && output.contains("opened: -"), output);
+        assertFalse(output.contains("moov atom"), output);
+        assertTrue(output.endsWith("exit 0"), output);
+    }
+
+    /** LoadProbe's output and exit status in a JVM of its own, checking JNI as this one does. */
+    private static String probe(String classpath, String... args) throws Exception {
+        List<String> command = new ArrayList<>(List.of(System.getProperty("kavra.java"), "-Xcheck:jni",
+                "-Djava.library.path=" + System.getProperty("java.library.path"), "-cp", classpath,
+                LoadProbe.class.getName()));
+        command.addAll(List.of(args));
+        Process process = new ProcessBuilder(command).redirectErrorStream(true).start();
+        String output = new String(process.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
+        assertTrue(process.waitFor(60, TimeUnit.SECONDS));
         assertFalse(output.contains("in native method"), output);
+        return output.trim() + "\nexit " + process.exitValue();
     }
 }

@@ -1,6 +1,11 @@
 package kavra.junit;
 
-/** Loads the library in a JVM of its own and says how that went: exit 0 loaded, 3 refused. */
+import cn.kavra.video.editor.VideoItem;
+
+/**
+ * Loads the library in a JVM of its own and says how that went: exit 0
+ * loaded, 3 refused. With a path, then opens it as an editor item.
+ */
 public final class LoadProbe {
     private LoadProbe() {}
 
@@ -12,5 +17,10 @@ public final class LoadProbe {
             System.exit(3);
         }
         System.out.println("loaded");
+        if (args.length > 0) {
+            try (VideoItem item = new VideoItem()) {
+                System.out.println("opened: " + item.setDataSource(args[0], true));
+            }
+        }
     }
 }
