@@ -13,7 +13,10 @@ namespace kavra::test {
 //   mpeg4_bframes.mp4, hevc.mp4, vp9.webm, odd_size.mp4 (MPEG-4, 321x241),
 //   late_start.ts (starts near 1.4 s), bad_rotate.mkv (tag ROTATE=abc),
 //   truncated.mp4, truncated_nomoov.mp4, random.bin,
-//   h264_422.mp4 (H.264 4:2:2, no audio, 60 frames)
+//   h264_422.mp4 (H.264 4:2:2, no audio, 60 frames),
+//   short_h264_aac.mp4 (the h264_aac.mp4 recipe, 2 s, 60 frames),
+//   short_video_only.mp4 (its video), short_damaged.mp4 (16 KiB of noise
+//   over its middle)
 // Every video frame shows its index in binary (see FrameIndex.h).
 inline std::string fixtureDir() { return KAVRA_FIXTURE_DIR; }
 inline std::string fixture(const std::string& name) { return fixtureDir() + "/" + name; }

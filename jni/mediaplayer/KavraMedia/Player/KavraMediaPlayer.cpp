@@ -2,6 +2,7 @@
 
 #include <android/log.h>
 
+#include <algorithm>
 #include <chrono>
 #include <utility>
 
@@ -24,6 +25,8 @@ constexpr int kRendezvousWaitMs = 3000;
 // A target at most this far after the frame in hand is reached by decoding
 // forward, without repositioning the demultiplexer.
 constexpr int kDecodeForwardMs = 1000;
+// How often a seek that landed after its target goes back further.
+constexpr int kSeekRetries = 4;
 // Stream selectors of the render manager.
 constexpr int kVideo = RenderManager::kStreamVideo;
 constexpr int kAudio = RenderManager::kStreamAudio;
@@ -45,6 +48,7 @@ void KavraMediaPlayer::init() {
     mLoopCount = 0;
     mIsSeekPositonChanged = false;
     mForceDemuxSeek = false;
+    mRepositionedAt = -1;
     mStatus = MEDIA_PLAYER_IDLE;
     mVideoRenderFinished = true;
     mAudioRenderFinished = true;
@@ -626,14 +630,24 @@ void KavraMediaPlayer::handleSeekWork() {
     const bool video = mVideoQueue.load() != nullptr;
     const bool audio = mAudioQueue.load() != nullptr;
     if (!video) {
-        NativeMutexLock seek(mSeekLock);
-        const int target = mSeekPosition.load();
-        mRenderManager.setCurrentTime(target);
+        int target;
+        {
+            NativeMutexLock seek(mSeekLock);
+            target = mSeekPosition.load();
+            mIsSeekPositonChanged = false;
+            mForceDemuxSeek = false;
+        }
         seekToInner(target);
+        {
+            NativeMutexLock seek(mSeekLock);
+            if (mIsSeekPositonChanged) {
+                // A newer request came meanwhile; the next pass serves it.
+                return;
+            }
+            mRenderManager.setCurrentTime(target);
+            mSeekPosition = -1;
+        }
         jumpAudioFrameTo(target);
-        mIsSeekPositonChanged = false;
-        mForceDemuxSeek = false;
-        mSeekPosition = -1;
         return;
     }
     const bool finished = mVideoRenderFinished || (audio && mAudioRenderFinished);
@@ -669,6 +683,7 @@ void KavraMediaPlayer::handleSeekWork() {
 
 int KavraMediaPlayer::seekToInner(int ms) {
     mDecoder->seekTo(ms);
+    mRepositionedAt = ms;
     // Both streams are read again from the new position.
     if (mVideoQueue.load() != nullptr) {
         mVideoRenderFinished = false;
@@ -690,6 +705,7 @@ void KavraMediaPlayer::presentNow(FrameBuffer* frame) {
 
 int KavraMediaPlayer::jumpVideoFrameTo(int target) {
     int result = target;
+    int retries = 0;
     FrameBufferQueue* queue = mVideoQueue.load();
     for (;;) {
         if (isStopped()) {
@@ -729,6 +745,17 @@ int KavraMediaPlayer::jumpVideoFrameTo(int target) {
         const int pts = frame->ptsMs;
         const int duration = frame->durationMs;
         const int wanted = mSeekPosition.load();
+        const int repositionedAt = mRepositionedAt;
+        mRepositionedAt = -1;
+        if (repositionedAt > 0 && pts > wanted && retries < kSeekRetries) {
+            // Some containers (MPEG-TS) land after the key frame before the
+            // target, and the decoder then starts at a later key frame: go
+            // back further.
+            ++retries;
+            queue->releaseOutputBuffer();
+            seekToInner(std::max(0, wanted - kDecodeForwardMs * (1 << retries)));
+            continue;
+        }
         if (mIsSeekPositonChanged.exchange(false)) {
             ALOGE("mIsSeekPositonChanged");
             const bool force = mForceDemuxSeek.exchange(false);

@@ -207,6 +207,9 @@ private:
     // The next seek repositions the demultiplexer even when the target lies
     // just ahead (a new audio stream must be read from the target on).
     std::atomic<bool> mForceDemuxSeek;
+    // Where the last reposition went, until the jump examined the first frame
+    // after it; -1 otherwise. Seek work only (under mSeekWorkLock).
+    int mRepositionedAt;
     RenderManager mRenderManager;
     // Serialises seek requests against the frame jump.
     NativeMutex mSeekLock;

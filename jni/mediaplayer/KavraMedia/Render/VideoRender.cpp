@@ -39,6 +39,10 @@ void checkWindowCall(int line, const char* expression, int result) {
 }
 
 void logThreadFinish() { __android_log_print(ANDROID_LOG_ERROR, kTag, "onRender thread finish."); }
+
+// How many 1 ms turns a producer gives the presentation thread to take the
+// previous frame before the staging picture is written over.
+constexpr int kHandOverWaits = 50;
 }  // namespace
 
 void VideoRender::PictureDeleter::operator()(Picture* picture) const {
@@ -180,6 +184,10 @@ int VideoRender::renderFrame(FrameBuffer* frame, int delayMs) {
         }
     } else {
         mLock.lock();
+        // A frame staged but not yet copied would be lost unseen.
+        for (int i = 0; i < kHandOverWaits && mFrameReady && mRunning; ++i) {
+            mCondition.wait(mLock, 1);
+        }
     }
     const Picture* src = pictureOf(frame);
     if (mPixelFormat == AV_PIX_FMT_YUV420P || mPixelFormat == AV_PIX_FMT_YUVJ420P) {

@@ -1,0 +1,502 @@
+// The player through the real pipeline: frames go to an in-memory window and
+// are identified by the index drawn into their pixels, PCM goes to a sink
+// that plays it at the stream's rate as a device does, events to a native
+// listener. Every wait is bounded; nothing asserts on wall-clock time.
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "NativeEventPostListener.h"
+#include "Platform/MemoryNativeWindow.h"
+#include "Player/KavraMediaPlayer.h"
+#include "support/Ffprobe.h"
+#include "support/Fixtures.h"
+#include "support/FrameIndex.h"
+#include "support/LogCapture.h"
+
+extern "C" {
+#include <libavutil/time.h>
+}
+
+namespace kavra::test {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+using P = KavraMediaPlayer;
+// Bounds for waits that end much sooner unless something is broken; wide
+// enough for the sanitizer builds.
+constexpr int kWaitMs = 30000;
+constexpr int kRate = 44100;
+
+// Polls `done` until it holds; false when kWaitMs passed first.
+template <typename F>
+bool eventually(F done) {
+    const Clock::time_point end = Clock::now() + std::chrono::milliseconds(kWaitMs);
+    while (!done()) {
+        if (Clock::now() > end) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+class Events : public NativeEventPostListener {
+public:
+    void notify(int what, int arg1, int arg2) override {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mEvents.push_back({what, arg1, arg2});
+    }
+    std::vector<std::array<int, 3>> all() const {
+        std::lock_guard<std::mutex> lock(mMutex);
+        return mEvents;
+    }
+    int count(int what) const {
+        std::vector<std::array<int, 3>> events = all();
+        return static_cast<int>(std::count_if(events.begin(), events.end(), [&](auto& e) { return e[0] == what; }));
+    }
+    bool waitFor(int what, int n) const {
+        return eventually([&] { return count(what) >= n; });
+    }
+
+private:
+    mutable std::mutex mMutex;
+    std::vector<std::array<int, 3>> mEvents;
+};
+
+// Keeps the left channel of every delivery and, like a sound device with a
+// 40 ms buffer, blocks while more than that waits to be played at `speed`
+// times the stream's rate.
+class Sink : public PcmSink {
+public:
+    Sink(int channels, double speed) : mChannels(channels > 0 ? channels : 1), mSpeed(speed) {}
+    int deliver(const uint8_t* pcm, int size) override {
+        const int16_t* samples = reinterpret_cast<const int16_t*>(pcm);
+        const int frames = size / 2 / mChannels;
+        {
+            std::lock_guard<std::mutex> lock(mMutex);
+            for (int i = 0; i < frames; ++i) {
+                mLeft.push_back(samples[i * mChannels]);
+            }
+        }
+        const Clock::time_point now = Clock::now();
+        mPlayedUntil = std::max(mPlayedUntil, now) + std::chrono::microseconds(
+                                                         static_cast<int64_t>(frames * 1e6 / kRate / mSpeed));
+        std::this_thread::sleep_until(mPlayedUntil - std::chrono::milliseconds(40));
+        return 0;
+    }
+    size_t size() const {
+        std::lock_guard<std::mutex> lock(mMutex);
+        return mLeft.size();
+    }
+    std::vector<int16_t> from(size_t first, size_t count) const {
+        std::lock_guard<std::mutex> lock(mMutex);
+        first = std::min(first, mLeft.size());
+        count = std::min(count, mLeft.size() - first);
+        return std::vector<int16_t>(mLeft.begin() + first, mLeft.begin() + first + count);
+    }
+    bool waitFor(size_t n) const {
+        return eventually([&] { return size() >= n; });
+    }
+
+private:
+    const int mChannels;
+    const double mSpeed;
+    Clock::time_point mPlayedUntil;
+    mutable std::mutex mMutex;
+    std::vector<int16_t> mLeft;
+};
+
+// Tone frequency in Hz from the zero crossings of a stretch of samples.
+double frequency(const std::vector<int16_t>& s) {
+    int crossings = 0;
+    for (size_t i = 1; i < s.size(); ++i) {
+        crossings += (s[i - 1] < 0) != (s[i] < 0);
+    }
+    return s.empty() ? 0 : crossings / 2.0 * kRate / s.size();
+}
+
+// A time source for the playback clock that never lets it run more than
+// 20 ms past the pictures `window` has queued so far, so that a busy machine
+// cannot make frames late: tests that count frames then check what the
+// player hands over, not how fast the machine is.
+Timer::TimeSource lockedTime(std::shared_ptr<MemoryNativeWindow> window, double speed) {
+    const Clock::time_point t0 = Clock::now();
+    return [window, t0, speed] {
+        const int64_t realUs = std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - t0).count();
+        const int64_t shownUs = static_cast<int64_t>(window->queuedCount() * 1000000 / 30 / speed);
+        return std::min<int64_t>(realUs, shownUs + static_cast<int64_t>(20000 / speed));
+    };
+}
+
+// A player on one fixture, prepared, with window, sink and listener.
+struct Session {
+    // lockClock: the clock follows lockedTime().
+    explicit Session(const std::string& name, double speed = 1.0, bool lockClock = false)
+        : name(name),
+          window(std::make_shared<MemoryNativeWindow>()),
+          player(lockClock ? lockedTime(window, speed) : Timer::TimeSource([] { return av_gettime(); })) {
+        auto listener = std::unique_ptr<Events>(new Events());
+        events = listener.get();
+        player.setListener(std::move(listener));
+        if (player.setDataSource(fixture(name).c_str()) != 0) {
+            return;
+        }
+        player.setVideoPlay(window);
+        if (player.getAudioStreamIndex() >= 0) {
+            auto s = std::unique_ptr<Sink>(new Sink(player.getChannels(), speed));
+            sink = s.get();
+            player.setAudioPlay(std::move(s));
+        }
+        player.setPlaySpeed(static_cast<float>(speed));
+        prepared = player.prepare() == 0;
+    }
+    ~Session() {
+        player.stop();
+        player.release();
+    }
+    uint64_t queued() const { return window->queuedCount(); }
+    int frameAt(size_t i) const {
+        MemoryNativeWindow::QueuedBuffer b = window->kept(i);
+        return b.bytes.empty() ? -2 : frameIndexFromLuma(b.bytes.data(), b.stride, b.width, b.height);
+    }
+    std::vector<int> frames(size_t first = 0) const {
+        std::vector<int> out;
+        for (size_t i = first; i < window->keptCount(); ++i) {
+            out.push_back(frameAt(i));
+        }
+        return out;
+    }
+    bool waitQueued(uint64_t n) const { return window->waitForQueued(n, kWaitMs); }
+    // Waits until the pending seek was carried out and a picture queued
+    // after `before`.
+    bool settled(uint64_t before) const {
+        return eventually([&] { return !player.isSeekPending() && queued() > before; });
+    }
+    // The index of the frame whose display span holds position `ms`.
+    int expectedFrame(int ms) const {
+        Ffprobe probe(fixture(name));
+        const double videoStart = probe.streamNumber(0, "start_time") * 1000;
+        const double k = std::floor((player.getStartTime() + ms - videoStart) * 30 / 1000 + 1e-6);
+        return std::max(0, static_cast<int>(k));
+    }
+
+    std::string name;
+    std::shared_ptr<MemoryNativeWindow> window;
+    KavraMediaPlayer player;
+    Events* events = nullptr;
+    Sink* sink = nullptr;
+    bool prepared = false;
+};
+
+// Playing to the end presents every frame once, in order, and completes
+// once; prepare after stop plays again from the start.
+class PlayToEnd : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(PlayToEnd, EveryFrameOnceInOrderAndAgainAfterStop) {
+    Session s(GetParam(), 1.0, true);
+    ASSERT_TRUE(s.prepared);
+    std::vector<int> all(60);
+    for (int i = 0; i < 60; ++i) {
+        all[i] = i;
+    }
+    for (int pass = 1; pass <= 2; ++pass) {
+        const size_t first = s.window->keptCount();
+        s.player.start();
+        ASSERT_TRUE(s.events->waitFor(P::MEDIA_PLAYBACK_COMPLETE, pass));
+        EXPECT_FALSE(s.window->waitForQueued(first + 61, 100));
+        EXPECT_EQ(s.frames(first), all) << s.player.getRenderManager().getVideoRender()->getDroppedFrames() << " dropped; " << [&] { std::string o; for (int f : s.frames(first)) o += std::to_string(f) + ","; return o; }();
+        EXPECT_EQ(s.player.getStatus(), P::MEDIA_PLAYER_PLAYBACK_COMPLETE);
+        s.player.stop();
+        ASSERT_EQ(s.player.prepare(), 0);
+    }
+    EXPECT_EQ(s.events->count(P::MEDIA_PREPARED), 3);
+    EXPECT_EQ(s.events->count(P::MEDIA_PLAYBACK_COMPLETE), 2);
+}
+
+// A test name from a fixture name: "late_start.ts" gives "latestart".
+std::string caseName(std::string file) {
+    file = file.substr(0, file.find('.'));
+    file.erase(std::remove(file.begin(), file.end(), '_'), file.end());
+    return file;
+}
+
+INSTANTIATE_TEST_SUITE_P(Player, PlayToEnd, ::testing::Values("short_h264_aac.mp4", "short_video_only.mp4"),
+                         [](const auto& info) { return caseName(info.param); });
+
+TEST(KavraMediaPlayer, LoopingTwicePlaysThreePassesAndCompletesOnce) {
+    Session s("short_h264_aac.mp4", 4.0, true);
+    ASSERT_TRUE(s.prepared);
+    s.player.setLooping(2);
+    s.player.start();
+    ASSERT_TRUE(s.events->waitFor(P::MEDIA_PLAYBACK_COMPLETE, 1));
+    std::vector<int> f = s.frames();
+    int passes = f.empty() ? 0 : 1;
+    for (size_t i = 1; i < f.size(); ++i) {
+        passes += f[i] < f[i - 1];
+    }
+    EXPECT_EQ(passes, 3);
+    EXPECT_EQ(f.front(), 0);
+    EXPECT_EQ(s.events->count(P::MEDIA_PLAYBACK_COMPLETE), 1);
+}
+
+TEST(KavraMediaPlayer, PauseHoldsThePictureAndResumeGoesOnFromIt) {
+    Session s("short_h264_aac.mp4");
+    ASSERT_TRUE(s.prepared);
+    s.player.start();
+    ASSERT_TRUE(s.waitQueued(10));
+    s.player.pause();
+    EXPECT_FALSE(s.player.isPlaying());
+    // The frame the video thread holds may still be shown; nothing after it.
+    const uint64_t atPause = s.queued();
+    const int position = s.player.getCurrentPosition();
+    EXPECT_FALSE(s.window->waitForQueued(atPause + 2, 300));
+    EXPECT_EQ(s.player.getCurrentPosition(), position);
+    const uint64_t held = s.queued();
+    const int last = s.frameAt(held - 1);
+    s.player.resume();
+    ASSERT_TRUE(s.waitQueued(held + 1));
+    EXPECT_EQ(s.frameAt(held), last + 1);
+}
+
+// Seeks land on the frame whose span holds the target, on each codec and
+// container, whichever way the target is reached.
+enum class Move { Forward, FarForward, Backward, Paused, TwoQuick };
+struct SeekCase {
+    const char* file;
+    Move move;
+};
+
+class Seek : public ::testing::TestWithParam<SeekCase> {};
+
+TEST_P(Seek, ShowsTheFrameAtTheTarget) {
+    const SeekCase c = GetParam();
+    Session s(c.file);
+    ASSERT_TRUE(s.prepared);
+    LogCapture log;
+    s.player.start();
+    ASSERT_TRUE(s.waitQueued(10));
+    const bool paused = c.move == Move::Paused || c.move == Move::TwoQuick;
+    if (paused) {
+        s.player.pause();
+        EXPECT_FALSE(s.window->waitForQueued(s.queued() + 2, 100));
+    }
+    // Frame 10 or so is shown: 1200 ms lies within a second of the frame in
+    // hand, 5500 ms beyond it, 100 ms behind it.
+    const int target = c.move == Move::Forward ? 1200 : c.move == Move::Backward ? 100 : 5500;
+    log.clear();
+    const uint64_t before = s.queued();
+    if (c.move == Move::TwoQuick) {
+        s.player.seekTo(3000);
+    }
+    s.player.seekTo(target);
+    ASSERT_TRUE(s.settled(before));
+    const int seeks = log.count("KavraMediaDecoder", "seekStart");
+    const int expected = s.expectedFrame(target);
+    if (paused) {
+        // Nothing but the seek's pictures, the last one at the target.
+        EXPECT_FALSE(s.window->waitForQueued(s.queued() + 1, 100));
+        EXPECT_EQ(s.frameAt(s.queued() - 1), expected);
+        EXPECT_EQ(s.player.getStatus(), P::MEDIA_PLAYER_PAUSED);
+        return;
+    }
+    // A frame already handed to the renderer when the request came may be
+    // shown first; then the target, then playback goes on from it.
+    ASSERT_TRUE(s.waitQueued(before + 3));
+    std::vector<int> after = s.frames(before);
+    const size_t at = after[0] == expected ? 0 : 1;
+    EXPECT_EQ(after[at], expected);
+    EXPECT_GT(after[at + 1], expected);
+    if (c.move == Move::Forward) {
+        EXPECT_EQ(seeks, 0) << "decoded forward without repositioning";
+    } else {
+        EXPECT_GE(seeks, 1);
+    }
+}
+
+std::vector<SeekCase> seekCases() {
+    std::vector<SeekCase> cases;
+    for (const char* file : {"h264_aac.mp4", "hevc.mp4", "mpeg4.mp4", "late_start.ts"}) {
+        for (Move m : {Move::Forward, Move::FarForward, Move::Backward, Move::Paused, Move::TwoQuick}) {
+            cases.push_back({file, m});
+        }
+    }
+    return cases;
+}
+
+std::string seekName(const ::testing::TestParamInfo<SeekCase>& info) {
+    static const char* const moves[] = {"Forward", "FarForward", "Backward", "Paused", "TwoQuick"};
+    return caseName(info.param.file) + moves[static_cast<int>(info.param.move)];
+}
+
+INSTANTIATE_TEST_SUITE_P(Player, Seek, ::testing::ValuesIn(seekCases()), seekName);
+
+TEST(KavraMediaPlayer, SeekAfterCompletionPausesAndSeekPastTheEndCompletes) {
+    Session s("short_h264_aac.mp4", 4.0);
+    ASSERT_TRUE(s.prepared);
+    s.player.start();
+    ASSERT_TRUE(s.events->waitFor(P::MEDIA_PLAYBACK_COMPLETE, 1));
+    uint64_t before = s.queued();
+    s.player.seekTo(1000);
+    ASSERT_TRUE(s.settled(before));
+    EXPECT_EQ(s.player.getStatus(), P::MEDIA_PLAYER_PAUSED);
+    EXPECT_FALSE(s.window->waitForQueued(s.queued() + 1, 100));
+    EXPECT_EQ(s.frameAt(s.queued() - 1), 30);
+    // Past the last frame: the clock shows the target, playback completes.
+    s.player.seekTo(s.player.getDuration());
+    ASSERT_TRUE(eventually([&] { return !s.player.isSeekPending(); }));
+    EXPECT_EQ(s.player.getCurrentPosition(), s.player.getDuration());
+    s.player.start();
+    ASSERT_TRUE(s.events->waitFor(P::MEDIA_PLAYBACK_COMPLETE, 2));
+    // start() after completion replays from the first frame.
+    before = s.queued();
+    s.player.start();
+    ASSERT_TRUE(s.waitQueued(before + 1));
+    EXPECT_EQ(s.frameAt(before), 0);
+}
+
+// After a seek the first audio heard starts where the first picture shown
+// starts, within one audio frame: each second of h264_aac.mp4 begins with a
+// 1 kHz burst, whose place in the PCM after the seek tells where that PCM
+// begins. Both a forward decode (from prepared) and a repositioning seek.
+TEST(KavraMediaPlayer, AudioAfterASeekStartsWithThePicture) {
+    Session s("h264_aac.mp4");
+    ASSERT_TRUE(s.prepared);
+    for (int target : {950, 4950}) {
+        s.player.pause();
+        const uint64_t before = s.queued();
+        s.player.seekTo(target);
+        ASSERT_TRUE(s.settled(before));
+        const int shown = s.frameAt(s.queued() - 1);
+        ASSERT_EQ(shown, s.expectedFrame(target));
+        const size_t mark = s.sink->size();
+        s.player.start();
+        ASSERT_TRUE(s.sink->waitFor(mark + kRate / 5));
+        std::vector<int16_t> pcm = s.sink->from(mark, kRate / 5);
+        const auto onset = std::find_if(pcm.begin(), pcm.end(), [](int16_t v) { return std::abs(v) > 8000; });
+        ASSERT_NE(onset, pcm.end());
+        const double burstMs = (target / 1000 + 1) * 1000.0;
+        const double audioStartMs = burstMs - (onset - pcm.begin()) * 1000.0 / kRate;
+        const double pictureStartMs = shown * 1000.0 / 30;
+        EXPECT_GE(audioStartMs - pictureStartMs, -1.0) << target;
+        EXPECT_LE(audioStartMs - pictureStartMs, 1024 * 1000.0 / kRate + 1) << target;
+    }
+}
+
+// two_audio.mp4: audio track 0 is a 440 Hz tone, track 1 an 880 Hz tone.
+TEST(KavraMediaPlayer, AudioTrackSwitchChangesTheToneWithoutRestartingVideo) {
+    Session s("two_audio.mp4");
+    ASSERT_TRUE(s.prepared);
+    EXPECT_EQ(s.player.getAudioTrackCount(), 2);
+    s.player.start();
+    ASSERT_TRUE(s.sink->waitFor(kRate / 2));
+    ASSERT_TRUE(s.waitQueued(15));
+    EXPECT_NEAR(frequency(s.sink->from(kRate / 4, kRate / 4)), 440, 20);
+    const uint64_t before = s.queued();
+    const int lastShown = s.frameAt(before - 1);
+    ASSERT_EQ(s.player.setAudioTrack(1), 0);
+    const size_t mark = s.sink->size();
+    EXPECT_EQ(s.player.getAudioTrackIndex(), 2);
+    ASSERT_TRUE(s.sink->waitFor(mark + kRate / 2));
+    EXPECT_NEAR(frequency(s.sink->from(mark, kRate / 2)), 880, 20);
+    ASSERT_TRUE(s.waitQueued(before + 1));
+    EXPECT_GE(s.frameAt(before), lastShown);
+    EXPECT_EQ(s.player.setAudioTrack(2), -1);
+}
+
+TEST(KavraMediaPlayer, AudioOnlyFilePlaysEverySampleToTheEnd) {
+    Session s("audio_only.m4a", 8.0);
+    ASSERT_TRUE(s.prepared);
+    s.player.start();
+    ASSERT_TRUE(s.events->waitFor(P::MEDIA_PLAYBACK_COMPLETE, 1));
+    EXPECT_NEAR(static_cast<double>(s.sink->size()), 10.0 * kRate, 2048);
+    EXPECT_EQ(s.events->all().front(), (std::array<int, 3>{P::MEDIA_SET_VIDEO_SIZE, 0, 0}));
+    EXPECT_EQ(s.queued(), 0u);
+}
+
+TEST(KavraMediaPlayer, RotationSwapsTheSizeAndASecondSourceIsAnError) {
+    Session s("h264_aac_rot90.mp4");
+    ASSERT_TRUE(s.prepared);
+    EXPECT_EQ(s.events->all().front(), (std::array<int, 3>{P::MEDIA_SET_VIDEO_SIZE, 240, 320}));
+    EXPECT_EQ(s.player.getVideoWidth(), 240);
+    EXPECT_EQ(s.player.getVideoHeight(), 320);
+    EXPECT_EQ(s.player.getRotation(), 90);
+    EXPECT_EQ(s.player.setDataSource(fixture("h264_aac.mp4").c_str()), -1);
+    EXPECT_EQ(s.player.getStatus(), P::MEDIA_PLAYER_STATE_ERROR);
+    EXPECT_EQ(s.events->all().back(), (std::array<int, 3>{P::MEDIA_ERROR, 0, 0}));
+}
+
+// Misuse returns promptly with every thread joined (a hang fails the run).
+TEST(KavraMediaPlayer, StopAndReleaseAtAnyMomentReturn) {
+    {
+        Session s("h264_aac.mp4");  // right after prepare
+        s.player.stop();
+        s.player.release();
+        s.player.release();
+    }
+    {
+        Session s("h264_aac.mp4");  // while paused
+        s.player.start();
+        ASSERT_TRUE(s.waitQueued(3));
+        s.player.pause();
+        s.player.stop();
+    }
+    {
+        Session s("h264_aac.mp4");  // during a seek
+        s.player.start();
+        ASSERT_TRUE(s.waitQueued(3));
+        s.player.seekTo(8000);
+        s.player.stop();
+        EXPECT_EQ(s.player.prepare(), 0);
+    }
+}
+
+TEST(KavraMediaPlayer, SeekStormsEndOnTheLastTarget) {
+    Session s("h264_aac.mp4");
+    ASSERT_TRUE(s.prepared);
+    s.player.start();
+    ASSERT_TRUE(s.waitQueued(3));
+    for (int i = 0; i < 200; ++i) {
+        s.player.seekTo((i * 7919) % 9000);
+    }
+    std::thread toggler([&] {
+        for (int i = 0; i < 200; ++i) {
+            i % 2 ? s.player.resume() : s.player.pause();
+        }
+    });
+    for (int i = 0; i < 200; ++i) {
+        s.player.seekTo((i * 4127) % 9000);
+    }
+    toggler.join();
+    s.player.pause();
+    ASSERT_TRUE(eventually([&] { return !s.player.isSeekPending(); }));
+    const uint64_t before = s.queued();
+    s.player.seekTo(4321);
+    ASSERT_TRUE(s.settled(before));
+    EXPECT_EQ(s.frameAt(s.queued() - 1), s.expectedFrame(4321));
+}
+
+TEST(KavraMediaPlayer, DamagedFilesPlayOnOrEndWithAnError) {
+    for (const char* name : {"short_damaged.mp4", "truncated.mp4"}) {
+        Session s(name, 4.0);
+        ASSERT_TRUE(s.prepared) << name;
+        s.player.start();
+        EXPECT_TRUE(eventually([&] {
+            return s.events->count(P::MEDIA_PLAYBACK_COMPLETE) + s.events->count(P::MEDIA_ERROR) > 0;
+        })) << name;
+    }
+}
+
+}  // namespace
+}  // namespace kavra::test
