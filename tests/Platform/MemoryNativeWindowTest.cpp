@@ -13,7 +13,7 @@ extern "C" {
 }
 
 #include "Common/FFmpegPtr.h"
-#include "Platform/MemoryNativeWindow.h"
+#include "MemoryNativeWindow.h"
 
 namespace kavra::test {
 namespace {

@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "NativeEventPostListener.h"
-#include "Platform/MemoryNativeWindow.h"
+#include "MemoryNativeWindow.h"
 #include "Player/KavraMediaPlayer.h"
 #include "support/Ffprobe.h"
 #include "support/Fixtures.h"

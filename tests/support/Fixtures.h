@@ -16,7 +16,8 @@ namespace kavra::test {
 //   h264_422.mp4 (H.264 4:2:2, no audio, 60 frames),
 //   short_h264_aac.mp4 (the h264_aac.mp4 recipe, 2 s, 60 frames),
 //   short_video_only.mp4 (its video), short_damaged.mp4 (16 KiB of noise
-//   over its middle)
+//   over its middle),
+//   h264_8192x8192.mp4 (one flat H.264 picture of 8192x8192, no index band)
 // Every video frame shows its index in binary (see FrameIndex.h).
 inline std::string fixtureDir() { return KAVRA_FIXTURE_DIR; }
 inline std::string fixture(const std::string& name) { return fixtureDir() + "/" + name; }

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "Platform/MemoryNativeWindow.h"
+#include "MemoryNativeWindow.h"
 #include "JunitNatives.h"
 #include "Surface.h"
 

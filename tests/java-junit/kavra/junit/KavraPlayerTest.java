@@ -57,8 +57,8 @@ class KavraPlayerTest {
 
     @Test
     void playsToCompletionWithEventsInOrder() throws Exception {
-        // A 2 s clip of 60 frames, 320x240, with sound.
-        try (TestWindow window = new TestWindow(); KavraPlayer player = prepared("bad_rotate.mkv", window)) {
+        // 2 s, 60 frames of 320x240, with sound.
+        try (TestWindow window = new TestWindow(); KavraPlayer player = prepared("short_h264_aac.mp4", window)) {
             assertEquals(0, player.start());
             assertTrue(Media.await(() -> events.contains("complete"), 30_000), "events " + events);
             assertEquals(List.of("size 320x240", "prepared", "complete"), events);
