@@ -63,7 +63,7 @@ TEST_P(MediaCodecVideoDecoderStream, DeliversExactlyTheSoftwareDecodersFrames) {
 INSTANTIATE_TEST_SUITE_P(H264Fixtures, MediaCodecVideoDecoderStream,
                          ::testing::Values("h264_aac.mp4", "h264_aac_rot90.mp4", "video_only.mp4",
                                            "with_subtitle.mp4", "two_audio.mp4", "late_start.ts", "bad_rotate.mkv", "truncated.mp4",
-                                           "h264_crop.mp4"),
+                                           "h264_crop.mp4", "no_times.h264"),
                          [](const ::testing::TestParamInfo<const char*>& info) {
                              std::string name = info.param;
                              for (char& c : name) {
@@ -106,6 +106,8 @@ class SpyCodec : public MediaCodec {
 public:
     explicit SpyCodec(std::shared_ptr<CodecRecord> record) : mRecord(std::move(record)), mInner(AV_CODEC_ID_H264) {}
     size_t inputLimit = 0;
+    // Swallows the end-of-stream buffer, as a codec that never sends one.
+    bool hideEnd = false;
     int configureResult = OK;
     int startResult = OK;
 
@@ -152,6 +154,10 @@ public:
         ssize_t index = mInner.dequeueOutputBuffer(info, timeoutUs);
         if (index >= 0 && (info->flags & BUFFER_FLAG_END_OF_STREAM)) {
             mRecord->endOutputs += 1;
+            if (hideEnd) {
+                mInner.releaseOutputBuffer(static_cast<size_t>(index), false);
+                return INFO_TRY_AGAIN_LATER;
+            }
         }
         return index;
     }
@@ -333,6 +339,24 @@ TEST(MediaCodecVideoDecoderInput, TheEndRecordFollowsTheCodecsEndOfStream) {
     ASSERT_TRUE(out.waitForEnd(30000));
     EXPECT_EQ(endOutputsAtRecord.load(), 1);
     EXPECT_EQ(out.frames().size(), 300u);
+}
+
+TEST(MediaCodecVideoDecoderInput, ACodecThatNeverSignalsTheEndStillEndsTheStream) {
+    LogCapture log;
+    auto record = std::make_shared<CodecRecord>();
+    OpenedMedia media;
+    ASSERT_TRUE(media.open(fixture("h264_aac.mp4")));
+    MediaCodecVideoDecoder decoder(spyFactory(record, [](SpyCodec& c) { c.hideEnd = true; }));
+    ASSERT_EQ(decoder.create(media.stream(media.video)), 0);
+    OutputCollector out(decoder.getOutputQueue());
+    out.start();
+    ASSERT_EQ(decoder.start(), 0);
+    ASSERT_EQ(feedStream(media.extractor, media.video, decoder), 300);
+    ASSERT_TRUE(out.waitForEnd(30000)) << "the end record must come without the codec's end";
+    EXPECT_EQ(record->endOutputs.load(), 1);
+    EXPECT_TRUE(log.contains("MediaCodecVideoDecoder", "no end of stream from the codec after 2000 ms, stream ended"));
+    out.finish();
+    expectWholeVideo(out.frames(), 300);
 }
 
 TEST(MediaCodecVideoDecoderInput, NeverWritesMoreThanAnInputBufferHolds) {
