@@ -2,8 +2,9 @@
 # library_contents.sh LIBRARY
 #
 # The shipped library holds the engine and its platform implementations
-# only: no test or desktop window exported, and no dependency on the
-# desktop's SDL2, whatever the build machine has installed.
+# only and exports the JNI entry point: no test or desktop window exported,
+# and no dependency on the desktop's SDL2, whatever the build machine has
+# installed.
 set -euo pipefail
 lib=$1
 status=0
@@ -11,6 +12,10 @@ windows=$(nm -D --defined-only "$lib" | c++filt | grep -E 'MemoryNativeWindow|Sd
 if [[ -n $windows ]]; then
     echo "$lib exports window classes it must not hold:" >&2
     echo "$windows" | head -5 >&2
+    status=1
+fi
+if ! nm -D --defined-only "$lib" | grep -w JNI_OnLoad >/dev/null; then
+    echo "$lib does not export JNI_OnLoad: Java cannot register its natives" >&2
     status=1
 fi
 sdl=$(ldd "$lib" | grep -i sdl || true)

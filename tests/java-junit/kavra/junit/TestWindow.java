@@ -1,0 +1,82 @@
+package kavra.junit;
+
+import android.view.Surface;
+
+/** An in-memory native window behind a Surface, keeping every buffer queued to it for read-back. */
+final class TestWindow implements AutoCloseable {
+    static {
+        System.loadLibrary("kavra_junit_native");
+    }
+
+    /** One queued buffer, YV12: luma rows {@code stride} bytes apart, then V, then U. */
+    static final class Buffer {
+        final int width;
+        final int height;
+        final int stride;
+        final byte[] bytes;
+
+        Buffer(int[] geometry, byte[] bytes) {
+            width = geometry[0];
+            height = geometry[1];
+            stride = geometry[2];
+            this.bytes = bytes;
+        }
+
+        int luma(int x, int y) {
+            return bytes[y * stride + x] & 0xff;
+        }
+
+        /** Chroma plane 0 (V) or 1 (U). */
+        int chroma(int plane, int x, int y) {
+            int chromaStride = (stride / 2 + 15) / 16 * 16;
+            return bytes[stride * height + plane * chromaStride * ((height + 1) / 2) + y * chromaStride + x] & 0xff;
+        }
+
+        int frameIndex() {
+            return Media.frameIndex(width, height, this::luma);
+        }
+    }
+
+    private long handle = create();
+    final Surface surface = new Surface(surfaceAddress(handle));
+
+    boolean waitForQueued(int count) {
+        return waitForQueued(handle, count, 5000);
+    }
+
+    int queuedCount() {
+        return queuedCount(handle);
+    }
+
+    /** The last buffer queued, or null. */
+    Buffer last() {
+        int[] geometry = new int[4];
+        byte[] bytes = lastQueued(handle, geometry);
+        return bytes == null ? null : new Buffer(geometry, bytes);
+    }
+
+    /** The window's consumer goes away: the surface can no longer be drawn into. */
+    void abandon() {
+        abandon(handle);
+    }
+
+    @Override
+    public void close() {
+        surface.release();
+        destroy(handle);
+    }
+
+    private static native long create();
+
+    private static native void destroy(long handle);
+
+    private static native long surfaceAddress(long handle);
+
+    private static native void abandon(long handle);
+
+    private static native boolean waitForQueued(long handle, int count, int timeoutMs);
+
+    private static native int queuedCount(long handle);
+
+    private static native byte[] lastQueued(long handle, int[] geometry);
+}
