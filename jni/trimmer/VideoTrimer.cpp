@@ -228,6 +228,14 @@ int VideoTrimer::prepare() {
     // One decoding thread per core: re-encoding a whole range is bound by
     // decoding as much as by encoding (libavcodec's default is one thread).
     mDecoderContext->thread_count = 0;
+#if defined(__SANITIZE_THREAD__)
+    // Under ThreadSanitizer the decoder uses slice threads only. Frame-thread
+    // workers hand pictures over through atomics inside libavcodec that the
+    // sanitizer cannot see; slice-thread workers (here and in the encoder)
+    // take and finish their jobs under a pthread mutex and condition, which
+    // it does see.
+    mDecoderContext->thread_type = FF_THREAD_SLICE;
+#endif
     if (avcodec_open2(mDecoderContext.get(), mDecoder, nullptr) < 0) {
         ALOGV("Could not open encoder. ");
         return -4;
