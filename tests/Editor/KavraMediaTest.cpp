@@ -10,9 +10,6 @@
 namespace kavra::test {
 namespace {
 
-constexpr int kWarn = 5;
-constexpr int kError = 6;
-
 // Opens the decoder's output picture to the test.
 class OpenMedia : public KavraMedia {
 public:
@@ -52,29 +49,9 @@ INSTANTIATE_TEST_SUITE_P(
                       Facts{"late_start.ts", 320, 240, 0, 28},
                       // A "rotate" tag that is not a number reads as no rotation.
                       Facts{"bad_rotate.mkv", 320, 240, 0, 28}),
-    [](const ::testing::TestParamInfo<Facts>& info) {
-        std::string n = info.param.name;
-        for (char& c : n) {
-            if (!isalnum(static_cast<unsigned char>(c))) c = '_';
-        }
-        return n;
-    });
+    FixtureName());
 
-TEST(KavraMediaFacts, CodecsTheJavaSideDoesNotKnowReportMinusOne) {
-    TempDir dir;
-    const std::string clip = dir.file("ffv1.mkv");
-    ASSERT_EQ(runCommand("ffmpeg -v error -nostdin -f lavfi -i testsrc=size=64x48:rate=30:duration=0.2 -c:v ffv1 " +
-                         shellQuote(clip))
-                  .status,
-              0);
-    KavraMedia media;
-    ASSERT_EQ(media.setSource(clip.c_str()), 0);
-    ASSERT_EQ(media.openVideoDecoder(true), 0);
-    EXPECT_EQ(media.getVideoMimeID(), -1);
-    EXPECT_EQ(media.getWidth(), 64);
-}
-
-TEST(KavraMediaOpen, FailuresAreReportedWithTheirLogLines) {
+TEST(KavraMediaOpen, FailuresAreReportedAndLaterCallsAnswerSafely) {
     LogCapture log;
     {
         KavraMedia media;
@@ -113,11 +90,6 @@ TEST(KavraMediaOpen, FailuresAreReportedWithTheirLogLines) {
         EXPECT_LT(media.decodeVideo(&got, pkt.get()), 0);
         EXPECT_EQ(got, 0);
         EXPECT_EQ(media.getDuration(), 0);
-    }
-    for (const auto& line : log.lines()) {
-        if (line.tag == "meeeKavraMedia") {
-            EXPECT_TRUE(line.priority == kWarn || line.priority == kError) << line.message;
-        }
     }
 }
 
@@ -174,15 +146,7 @@ TEST_P(KavraMediaDecode, EveryPacketGivesOnePictureInDisplayOrderAndTheDrainGive
     }
     EXPECT_EQ(pending, 0) << "every packet that went in without a picture gave one while draining";
 
-    // A drained decoder keeps its last picture and gives nothing more...
-    int got = 1;
-    ScopedAVPacket empty = makeScopedAVPacket();
-    EXPECT_EQ(media.decodeVideo(&got, empty.get()), 0);
-    EXPECT_EQ(got, 0);
-    AVFrame* last = media.picture();
-    EXPECT_EQ(frameIndexFromLuma(last->data[0], last->linesize[0], last->width, last->height), 299);
-
-    // ...and takes new input after a seek.
+    // A drained decoder takes new input after a seek.
     ASSERT_GE(media.seekFrame(0, -1, AVSEEK_FLAG_BACKWARD), 0);
     media.flushVideoDecoder();
     frames = decodeAll(media, &pending);
@@ -191,10 +155,7 @@ TEST_P(KavraMediaDecode, EveryPacketGivesOnePictureInDisplayOrderAndTheDrainGive
     EXPECT_EQ(frames.back(), 299);
 }
 
-INSTANTIATE_TEST_SUITE_P(Threading, KavraMediaDecode, ::testing::Values(false, true),
-                         [](const ::testing::TestParamInfo<bool>& info) {
-                             return info.param ? std::string("SingleThread") : std::string("DefaultThreads");
-                         });
+INSTANTIATE_TEST_SUITE_P(Threading, KavraMediaDecode, ::testing::Bool());
 
 TEST(KavraMediaDecode, AudioDecodesThroughTheSameSteps) {
     KavraMedia media;
