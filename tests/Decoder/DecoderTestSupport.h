@@ -64,12 +64,14 @@ inline uint64_t hashPicture(const uint8_t* const data[], const int linesize[], i
 }
 
 // One frame as a consumer saw it in the output queue; for a picture also
-// the index drawn into it and a hash of its planes.
+// the index drawn into it and a hash of its planes, for planar float audio
+// the sign changes of its first channel (a measure of a tone's pitch).
 struct DecodedFrame {
     int ptsMs = 0, durationMs = 0, size = 0, type = 0, format = 0, width = 0, height = 0;
     int sampleRate = 0, channels = 0, nbSamples = 0;
     int index = -1;
     uint64_t hash = 0;
+    int crossings = -1;
 };
 
 inline DecodedFrame describeFrame(const FrameBuffer* b) {
@@ -81,6 +83,12 @@ inline DecodedFrame describeFrame(const FrameBuffer* b) {
         const Picture* p = pictureOf(b);
         f.index = frameIndexFromLuma(p->data[0], p->linesize[0], b->width, b->height);
         f.hash = hashPicture(p->data, p->linesize, b->width, b->height);
+    } else if (b->format == AV_SAMPLE_FMT_FLTP && b->nbSamples > 0 && b->size > 0) {
+        const float* left = reinterpret_cast<const float*>(static_cast<const AVFrame*>(b->data)->extended_data[0]);
+        f.crossings = 0;
+        for (int i = 1; i < b->nbSamples; ++i) {
+            f.crossings += (left[i - 1] < 0.0f) != (left[i] < 0.0f) ? 1 : 0;
+        }
     }
     return f;
 }
@@ -122,6 +130,15 @@ public:
     int afterEnd() const {
         std::lock_guard<std::mutex> lock(mMutex);
         return mAfterEnd;
+    }
+    int ends() const {
+        std::lock_guard<std::mutex> lock(mMutex);
+        return mEnds;
+    }
+    // Forgets the frames seen so far.
+    void clear() {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mFrames.clear();
     }
 
 private:
