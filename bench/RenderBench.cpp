@@ -31,7 +31,7 @@ extern "C" {
 }
 
 #include "Common/FFmpegPtr.h"
-#include "Platform/MemoryNativeWindow.h"
+#include "MemoryNativeWindow.h"
 #include "Player/KavraMediaDecoder.h"
 #include "Render/RenderManager.h"
 

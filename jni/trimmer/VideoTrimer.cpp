@@ -1000,6 +1000,31 @@ int64_t VideoTrimer::outputDurationUs() const {
     return std::max(video, mAudioWrittenUs);
 }
 
+int64_t VideoTrimer::inputDurationUs() const {
+    if (!mpSrcFormatCtx) {
+        return 0;
+    }
+    const int64_t d = mpSrcFormatCtx->duration;
+    return d != kNoTime ? av_rescale_q(d, AV_TIME_BASE_Q, kMicroseconds) : kNoTime;
+}
+
+int64_t VideoTrimer::inputStartUs() const {
+    if (!mpSrcFormatCtx) {
+        return 0;
+    }
+    const int64_t t = mpSrcFormatCtx->start_time;
+    return t != kNoTime ? av_rescale_q(t, AV_TIME_BASE_Q, kMicroseconds) : kNoTime;
+}
+
+int64_t VideoTrimer::videoOriginUs() const {
+    if (!mpSrcFormatCtx || mSrcVideoIndex < 0) {
+        return 0;
+    }
+    // The origin startTrim counts from.
+    const AVStream* st = mpSrcFormatCtx->streams[mSrcVideoIndex];
+    return st->start_time != kNoTime ? av_rescale_q(st->start_time, st->time_base, kMicroseconds) : 0;
+}
+
 void VideoTrimer::startProgress(int64_t totalUs) {
     mProgressTotalUs = totalUs;
     mProgressDoneUs = 0;

@@ -104,6 +104,16 @@ public:
     // microseconds.
     int64_t outputDurationUs() const;
 
+    // What prepare found in the input, for callers that check a range
+    // before trimming (0 before a successful prepare). The input's length
+    // and its start in its own timeline, in microseconds (AV_NOPTS_VALUE
+    // when the container gives none), and the first video timestamp, from
+    // which the range of setTrimParam counts, in microseconds of the same
+    // timeline (rounded to the nearest).
+    int64_t inputDurationUs() const;
+    int64_t inputStartUs() const;
+    int64_t videoOriginUs() const;
+
 private:
     // Which configuration header the copied and the encoded video packets
     // need in front of them.

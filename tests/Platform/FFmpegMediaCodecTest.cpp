@@ -9,6 +9,7 @@
 #include "Decoder/DecoderTestSupport.h"
 #include "Decoder/MediaCodecVideoDecoder.h"
 #include "Platform/FFmpegMediaCodec.h"
+#include "support/LogCapture.h"
 
 namespace kavra::test {
 namespace {
@@ -289,7 +290,9 @@ TEST(FFmpegMediaCodec, HeldOutputsStallItAndAFlushReturnsEverything) {
     size_t next = 0;
     bool inputStalled = false;
     for (int round = 0; round < 400 && !inputStalled; ++round) {
-        ssize_t in = codec->dequeueInputBuffer(20000);
+        // Long enough that a busy machine's scheduling never passes for a
+        // stall: only held outputs keep the input buffers away this long.
+        ssize_t in = codec->dequeueInputBuffer(500000);
         if (in < 0) {
             inputStalled = true;
             break;
@@ -311,7 +314,7 @@ TEST(FFmpegMediaCodec, HeldOutputsStallItAndAFlushReturnsEverything) {
         }
     }
     ASSERT_TRUE(inputStalled);
-    EXPECT_EQ(held.size(), static_cast<size_t>(FFmpegMediaCodec::kOutputBuffers));
+    ASSERT_EQ(held.size(), static_cast<size_t>(FFmpegMediaCodec::kOutputBuffers));
     MediaCodecBufferInfo info;
     EXPECT_EQ(codec->dequeueOutputBuffer(&info, 20000), MediaCodec::INFO_TRY_AGAIN_LATER);
 
@@ -384,6 +387,54 @@ TEST(FFmpegMediaCodec, RefusesCallsOutOfOrderAndBadArguments) {
     EXPECT_EQ(codec->start(), MediaCodec::ERROR_INVALID_OPERATION) << "stop leaves it unconfigured";
     ASSERT_EQ(codec->configure(&format, nullptr, nullptr, 0), MediaCodec::OK);
     EXPECT_EQ(codec->start(), MediaCodec::OK);
+}
+
+// A picture larger than the codec supports is refused with a clear error,
+// whether the format or the stream's own parameter sets announce it, and
+// no buffer is ever sized by raw pictures.
+TEST(FFmpegMediaCodec, RefusesPicturesAboveTheSizeLimitAndSizesInputByPackets) {
+    LogCapture log;
+    AnnexBStream huge("h264_8192x8192.mp4");
+    ASSERT_EQ(huge.pictures.size(), 1u);
+    std::unique_ptr<MediaCodec> codec = MediaCodec::createDecoderByType("video/avc");
+    MediaFormat format = videoFormat(true, huge);
+    format.setInt32(MediaFormat::KEY_WIDTH, 8192);
+    format.setInt32(MediaFormat::KEY_HEIGHT, 8192);
+    EXPECT_EQ(codec->configure(&format, nullptr, nullptr, 0), MediaCodec::ERROR_UNSUPPORTED);
+    EXPECT_TRUE(log.contains("FFmpegMediaCodec",
+                             "configure->picture 8192x8192 is larger than the supported 8192x4352 pixels"));
+
+    // Announced in band to a codec configured for a small size: the picture
+    // is refused and the stream ends without one.
+    codec = startedCodec(false);
+    Driver d(*codec);
+    std::vector<uint8_t> first = huge.csd0;
+    first.insert(first.end(), huge.csd1.begin(), huge.csd1.end());
+    first.insert(first.end(), huge.pictures[0].begin(), huge.pictures[0].end());
+    ASSERT_TRUE(d.queue(first, 0, MediaCodec::BUFFER_FLAG_KEY_FRAME));
+    d.finish();
+    ASSERT_EQ(d.outputs.size(), 1u);
+    EXPECT_EQ(d.outputs[0].flags, MediaCodec::BUFFER_FLAG_END_OF_STREAM);
+    codec->stop();
+
+    // 8K UHD is supported; its input buffers start at the packet size, not
+    // at a raw picture's, and double once a packet fills half of one.
+    format.setInt32(MediaFormat::KEY_WIDTH, 7680);
+    format.setInt32(MediaFormat::KEY_HEIGHT, 4320);
+    ASSERT_EQ(codec->configure(&format, nullptr, nullptr, 0), MediaCodec::OK);
+    ASSERT_EQ(codec->start(), MediaCodec::OK);
+    ssize_t index = codec->dequeueInputBuffer(0);
+    ASSERT_GE(index, 0);
+    size_t capacity = 0;
+    uint8_t* data = codec->getInputBuffer(static_cast<size_t>(index), &capacity);
+    ASSERT_NE(data, nullptr);
+    EXPECT_EQ(capacity, FFmpegMediaCodec::kMinInputBytes);
+    std::fill(data, data + capacity / 2 + 1, 0);
+    ASSERT_EQ(codec->queueInputBuffer(static_cast<size_t>(index), 0, capacity / 2 + 1, 0, 0), MediaCodec::OK);
+    index = codec->dequeueInputBuffer(1000000);
+    ASSERT_GE(index, 0);
+    ASSERT_NE(codec->getInputBuffer(static_cast<size_t>(index), &capacity), nullptr);
+    EXPECT_EQ(capacity, 2 * FFmpegMediaCodec::kMinInputBytes);
 }
 
 TEST(FFmpegMediaCodec, AWaitingClientIsReleasedByStop) {

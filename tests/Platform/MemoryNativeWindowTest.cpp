@@ -5,7 +5,7 @@
 #include <cstring>
 #include <thread>
 
-#include "Platform/MemoryNativeWindow.h"
+#include "MemoryNativeWindow.h"
 
 namespace kavra::test {
 namespace {

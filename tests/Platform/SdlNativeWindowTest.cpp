@@ -9,8 +9,8 @@
 #include <cstring>
 #include <thread>
 
-#include "Platform/MemoryNativeWindow.h"
-#include "Platform/SdlNativeWindow.h"
+#include "MemoryNativeWindow.h"
+#include "SdlNativeWindow.h"
 
 namespace kavra::test {
 namespace {

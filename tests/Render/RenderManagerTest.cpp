@@ -9,7 +9,7 @@
 #include <mutex>
 #include <vector>
 
-#include "Platform/MemoryNativeWindow.h"
+#include "MemoryNativeWindow.h"
 #include "Render/RenderManager.h"
 #include "Render/RenderTestSupport.h"
 #include "support/FrameIndex.h"

@@ -18,7 +18,7 @@ extern "C" {
 #include <libswscale/swscale.h>
 }
 
-#include "Platform/MemoryNativeWindow.h"
+#include "MemoryNativeWindow.h"
 #include "Render/RenderTestSupport.h"
 #include "Render/VideoRender.h"
 #include "support/FrameIndex.h"

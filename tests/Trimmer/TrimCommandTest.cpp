@@ -8,7 +8,9 @@
 #include <string>
 #include <vector>
 
+#include "../tools/kavra/ContactSheet.h"
 #include "TrimMedia.h"
+#include "support/Ffprobe.h"
 #include "support/Fixtures.h"
 
 namespace kavra::test {
@@ -70,6 +72,36 @@ TEST(TrimCommand, CutModePrintsDurationAndHowFramesWereMade) {
     EXPECT_NEAR(std::stoll(r.out.substr(at + 2)), 7600, 34) << r.out;
     EXPECT_NE(r.out.find("0 frames copied, 228 re-encoded"), std::string::npos) << r.out;
     EXPECT_EQ(inspectMedia(out).frames, concat(run(0, 32), run(105, 299)));
+}
+
+// A time means the same instant to every command: the file's own timeline.
+// The transport stream's video starts near 1.47 s; two seconds later lies
+// its key frame 60, the first thumbnail at that time and the first frame
+// kept by a trim from it.
+TEST(TrimCommand, ReadsTimesInTheFilesOwnTimelineAsThumbsDoes) {
+    const std::string in = fixture("late_start.ts");
+    Ffprobe probe(in, "-select_streams v:0");
+    char from[32];
+    char to[32];
+    snprintf(from, sizeof(from), "%.6fs", probe.streamNumber(0, "start_time") + 2.0);
+    snprintf(to, sizeof(to), "%.6fs", probe.streamNumber(0, "start_time") + 3.0);
+    ScratchDir dir;
+    ToolRun thumbs = kavra("thumbs " + q(in) + " --count 1 --from " + from + " --to " + from + " --size 160x120 -o " +
+                           q(dir.file("sheet.png")));
+    ASSERT_EQ(thumbs.status, 0) << thumbs.err;
+    CommandResult sheet = runCommand("ffmpeg -v error -nostdin -i " + q(dir.file("sheet.png")) +
+                                     " -f rawvideo -pix_fmt rgba -");
+    const auto layout = tool::ContactSheetLayout::make(1, 160, 120);
+    ASSERT_EQ(sheet.output.size(), static_cast<size_t>(layout.width) * layout.height * 4);
+    const uint8_t* cell = reinterpret_cast<const uint8_t*>(sheet.output.data()) +
+                          (static_cast<size_t>(layout.y(0)) * layout.width + layout.x(0)) * 4;
+    EXPECT_EQ(frameIndexFromRgba(cell, layout.width * 4, 160, 120), 60);
+
+    ToolRun trim = kavra("trim " + q(in) + " " + q(dir.file("clip.mp4")) + " --from " + from + " --to " + to);
+    ASSERT_EQ(trim.status, 0) << trim.err;
+    MediaReport m = inspectMedia(dir.file("clip.mp4"));
+    ASSERT_FALSE(m.frames.empty());
+    EXPECT_EQ(m.frames.front(), 60);
 }
 
 // Each failure: one line on stderr, exit status 1, and the directory holding

@@ -14,7 +14,8 @@ namespace kavra::test {
 //   mpeg4_bframes.mp4, hevc.mp4, vp9.webm, odd_size.mp4 (MPEG-4, 321x241),
 //   late_start.ts (starts near 1.4 s), bad_rotate.mkv (tag ROTATE=abc),
 //   truncated.mp4, truncated_nomoov.mp4, random.bin,
-//   h264_422.mp4 (H.264 4:2:2, no audio, 60 frames)
+//   h264_422.mp4 (H.264 4:2:2, no audio, 60 frames),
+//   h264_8192x8192.mp4 (one flat H.264 picture of 8192x8192, no index band)
 // Every video frame shows its index in binary (see FrameIndex.h).
 inline std::string fixtureDir() { return KAVRA_FIXTURE_DIR; }
 inline std::string fixture(const std::string& name) { return fixtureDir() + "/" + name; }

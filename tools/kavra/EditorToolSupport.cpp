@@ -12,13 +12,7 @@
 namespace tool {
 
 bool openVideoItem(const std::string& path, VideoItem& item, std::string* error) {
-    struct stat st;
-    if (stat(path.c_str(), &st) != 0) {
-        *error = strerror(errno);
-        return false;
-    }
-    if (S_ISDIR(st.st_mode)) {
-        *error = "is a directory";
+    if (!checkInput(path, error)) {
         return false;
     }
     int ret = item.setSource(path.c_str(), false);

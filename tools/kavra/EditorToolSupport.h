@@ -8,8 +8,8 @@
 namespace tool {
 
 // Opens `path` as an editor item. False with a one-line reason in `error`
-// for a missing file, a directory, something that is not media, or media
-// without a decodable video stream.
+// for a missing file, anything but a regular file, something that is not
+// media, or media without a decodable video stream.
 bool openVideoItem(const std::string& path, VideoItem& item, std::string* error);
 
 // Parses "WxH" with both at least 1.

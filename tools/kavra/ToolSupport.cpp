@@ -5,8 +5,10 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 
 extern "C" {
 #include <libavutil/error.h>
@@ -48,10 +50,27 @@ int fail(const std::string& what, const std::string& reason) {
     return 1;
 }
 
-bool openMedia(const std::string& path, FFmpegMediaExtractor* extractor) {
+bool checkInput(const std::string& path, std::string* error) {
     struct stat st;
-    if (stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
-        fail(path, "is a directory");
+    if (stat(path.c_str(), &st) != 0) {
+        *error = strerror(errno);
+        return false;
+    }
+    if (S_ISDIR(st.st_mode)) {
+        *error = "is a directory";
+        return false;
+    }
+    if (!S_ISREG(st.st_mode)) {
+        *error = "not a regular file";
+        return false;
+    }
+    return true;
+}
+
+bool openMedia(const std::string& path, FFmpegMediaExtractor* extractor) {
+    std::string error;
+    if (!checkInput(path, &error)) {
+        fail(path, error);
         return false;
     }
     int ret = extractor->setSource(path.c_str());
@@ -76,6 +95,16 @@ std::string ffmpegError(int code) {
 }
 
 bool parseTimeMs(const std::string& text, long long* ms) {
+    long long us = 0;
+    if (!parseTimeUs(text, &us)) {
+        return false;
+    }
+    // Half a millisecond rounds up: "1.0005s" is 1001 ms.
+    *ms = us >= 0 ? (us + 500) / 1000 : -((-us + 500) / 1000);
+    return true;
+}
+
+bool parseTimeUs(const std::string& text, long long* us) {
     if (text.empty()) {
         return false;
     }
@@ -139,8 +168,12 @@ bool parseTimeMs(const std::string& text, long long* ms) {
     } else if (!parseNumber(text, true, &value)) {
         return false;
     }
-    // Round to the nearest millisecond: "1.001s" is 1001 ms, not 1000.999.
-    *ms = static_cast<long long>(std::llround(value));
+    // Beyond any media length (and any 64-bit count of microseconds).
+    if (value > 1e15) {
+        return false;
+    }
+    // Round to the nearest microsecond: "1.001s" is 1001000 us, not 1000999.
+    *us = static_cast<long long>(std::llround(value * 1000.0));
     return true;
 }
 

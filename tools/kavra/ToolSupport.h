@@ -15,6 +15,13 @@ void setVerbose(bool verbose);
 // Prints "kavra: <what>: <reason>" on stderr and returns exit status 1.
 int fail(const std::string& what, const std::string& reason);
 
+// Whether `path` can be read as media input: it must exist and be a
+// regular file. Anything else (a directory, a FIFO, a device, a socket) is
+// refused before it is opened: a FIFO without a writer would block the open
+// for ever, and one with a writer would be consumed by the first reader.
+// False with a one-line reason in `error`.
+bool checkInput(const std::string& path, std::string* error);
+
 // Opens and probes a media file with the engine's extractor. On failure
 // prints the one-line error naming the file and returns false.
 bool openMedia(const std::string& path, FFmpegMediaExtractor* extractor);
@@ -24,6 +31,13 @@ std::string ffmpegError(int code);
 
 // Parses a time: "1500" or "1500ms" (milliseconds), "1.5s" (seconds),
 // "mm:ss.mmm" or "hh:mm:ss.mmm". False for anything else.
+//
+// Every command reads a time in the file's own timeline: the presentation
+// times that ffprobe shows, so a file whose first frame is at 1.4 s has
+// nothing before 1.4 s. parseTimeUs keeps the time to the microsecond (for
+// the trimmer, which cuts at frame precision); parseTimeMs rounds it to the
+// nearest millisecond (for the editor calls, which take milliseconds).
+bool parseTimeUs(const std::string& text, long long* us);
 bool parseTimeMs(const std::string& text, long long* ms);
 
 // Splits arguments into positionals and "--name value" / "--flag" options.

@@ -1,5 +1,7 @@
 // kavra trim IN OUT --from TIME --to TIME [--cut] [--json]: keeps the range
 // (or, with --cut, removes it and joins the rest) into a new MP4 file.
+// TIMEs are in the file's own timeline, as for every command; the trimmer
+// counts from the first video timestamp, so they are converted here.
 //
 // The file is written under a temporary name next to OUT and renamed when it
 // is complete, so OUT never names a half-written file; on any failure the
@@ -96,28 +98,15 @@ private:
     tool::Progress* mProgress;
 };
 
-struct InputFacts {
-    long long durationMs;
-    bool hasVideo;
-};
-
-bool probeInput(const std::string& path, InputFacts* facts, std::string* error) {
-    AVFormatContext* ctx = nullptr;
-    int ret = avformat_open_input(&ctx, path.c_str(), nullptr, nullptr);
-    if (ret < 0) {
-        *error = tool::ffmpegError(ret);
-        return false;
+// Microseconds as milliseconds, for messages: whole when they are whole.
+std::string msText(long long us) {
+    char text[32];
+    if (us % 1000 == 0) {
+        snprintf(text, sizeof(text), "%lld", us / 1000);
+    } else {
+        snprintf(text, sizeof(text), "%.3f", static_cast<double>(us) / 1000.0);
     }
-    ret = avformat_find_stream_info(ctx, nullptr);
-    if (ret < 0) {
-        avformat_close_input(&ctx);
-        *error = "no stream information: " + tool::ffmpegError(ret);
-        return false;
-    }
-    facts->hasVideo = av_find_best_stream(ctx, AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0) >= 0;
-    facts->durationMs = ctx->duration != AV_NOPTS_VALUE ? ctx->duration / 1000 : -1;
-    avformat_close_input(&ctx);
-    return true;
+    return text;
 }
 
 std::string prepareError(int code) {
@@ -149,33 +138,23 @@ int runTrim(const std::vector<std::string>& args) {
     }
     const std::string& input = a.positional[0];
     const std::string& output = a.positional[1];
-    long long fromMs = 0;
-    long long toMs = 0;
-    if (!tool::parseTimeMs(a.get("--from"), &fromMs)) {
+    // Times are read in the file's own timeline, to the microsecond.
+    long long fromUs = 0;
+    long long toUs = 0;
+    if (!tool::parseTimeUs(a.get("--from"), &fromUs)) {
         return tool::fail("trim", "bad time '" + a.get("--from") + "'");
     }
-    if (!tool::parseTimeMs(a.get("--to"), &toMs)) {
+    if (!tool::parseTimeUs(a.get("--to"), &toUs)) {
         return tool::fail("trim", "bad time '" + a.get("--to") + "'");
     }
-    if (toMs <= fromMs) {
-        return tool::fail("trim", "the end (" + std::to_string(toMs) + " ms) is not after the start (" +
-                                      std::to_string(fromMs) + " ms)");
+    if (toUs <= fromUs) {
+        return tool::fail("trim", "the end (" + msText(toUs) + " ms) is not after the start (" + msText(fromUs) +
+                                      " ms)");
     }
-    struct stat st;
-    if (stat(input.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
-        return tool::fail(input, "is a directory");
-    }
-    InputFacts facts{};
-    if (!probeInput(input, &facts, &error)) {
+    if (!tool::checkInput(input, &error)) {
         return tool::fail(input, error);
     }
-    if (!facts.hasVideo) {
-        return tool::fail(input, "no video stream");
-    }
-    if (facts.durationMs >= 0 && (fromMs >= facts.durationMs || toMs > facts.durationMs)) {
-        return tool::fail("trim", "the range " + std::to_string(fromMs) + "-" + std::to_string(toMs) +
-                                      " ms is outside the file (" + std::to_string(facts.durationMs) + " ms)");
-    }
+    struct stat st;
     if (stat(output.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
         return tool::fail(output, "is a directory");
     }
@@ -194,15 +173,29 @@ int runTrim(const std::vector<std::string>& args) {
     bool copies = false;
     long long outMs = 0;
     {
-        tool::Progress progress(cut ? "cutting" : "trimming");
-        ProgressLine listener(&progress);
+        // The input is opened once, by the trimmer; the range is checked
+        // against what it found.
         VideoTrimer trimer(input.c_str(), temp.path().c_str());
-        trimer.setProgressListener(&listener);
-        trimer.setTrimParam(fromMs * 1000, toMs * 1000);
         int ret = trimer.prepare();
         if (ret != 0) {
             return tool::fail(ret == -5 ? output : input, prepareError(ret));
         }
+        const int64_t durationUs = trimer.inputDurationUs();
+        if (durationUs != AV_NOPTS_VALUE) {
+            const int64_t startUs = trimer.inputStartUs() != AV_NOPTS_VALUE ? trimer.inputStartUs() : 0;
+            const int64_t endUs = startUs + durationUs;
+            if (fromUs >= endUs || toUs > endUs) {
+                return tool::fail("trim", "the range " + msText(fromUs) + "-" + msText(toUs) +
+                                              " ms is outside the file (" + msText(startUs) + "-" + msText(endUs) +
+                                              " ms)");
+            }
+        }
+        // The trimmer counts from the first video timestamp.
+        const int64_t originUs = trimer.videoOriginUs();
+        trimer.setTrimParam(fromUs - originUs, toUs - originUs);
+        tool::Progress progress(cut ? "cutting" : "trimming");
+        ProgressLine listener(&progress);
+        trimer.setProgressListener(&listener);
         copies = trimer.copiesVideo();
         ret = trimer.startTrim(cut ? 1 : 0);
         progress.finish();

@@ -18,6 +18,9 @@ const char* const kTag = "FFmpegMediaCodec";
 // stream is declared anyway.
 constexpr int kMaxDrainErrors = 64;
 
+// Memory an output buffer starts with, before any picture is packed in.
+constexpr size_t kMinOutputBytes = 64;
+
 // Extra bytes after a decoded picture: the decoder's vector code may read a
 // little past the last row.
 constexpr size_t kPicturePadding = 256;
@@ -44,7 +47,7 @@ bool isPlanar420(int format) { return format == AV_PIX_FMT_YUV420P || format == 
 FFmpegMediaCodec::FFmpegMediaCodec(AVCodecID codecId)
     : mCodecId(codecId), mState(State::Uninitialized), mPhase(Phase::Input), mFlushRequested(false),
       mStopRequested(false), mEndQueued(false), mHaveFrame(false), mFormatChangePending(false), mWidth(0),
-      mHeight(0), mOutWidth(0), mOutHeight(0), mOutStride(0), mOutSliceHeight(0), mPoolBytes(0),
+      mHeight(0), mOutWidth(0), mOutHeight(0), mOutStride(0), mOutSliceHeight(0), mInputBytes(0), mPoolBytes(0),
       mSwsContext(nullptr), mHwFormat(AV_PIX_FMT_NONE), mHardwareName(nullptr) {}
 
 FFmpegMediaCodec::~FFmpegMediaCodec() { stop(); }
@@ -81,6 +84,8 @@ bool FFmpegMediaCodec::openDecoder(const MediaFormat* format, bool tryHardware) 
     ctx->get_buffer2 = getBuffer;
     ctx->width = mWidth;
     ctx->height = mHeight;
+    // The decoder refuses larger pictures announced in band.
+    ctx->max_pixels = kMaxPixels;
     // Codec-specific data (parameter sets in Annex B form) become the
     // decoder's extradata: it reads them when it opens and keeps them across
     // flushes.
@@ -165,8 +170,15 @@ int FFmpegMediaCodec::configure(const MediaFormat* format, void* /*surface*/, vo
     format->getInt32(MediaFormat::KEY_WIDTH, &width);
     format->getInt32(MediaFormat::KEY_HEIGHT, &height);
     format->getInt32(MediaFormat::KEY_MAX_INPUT_SIZE, &maxInput);
-    if (width < 0 || height < 0 || width > 16384 || height > 16384) {
+    if (width < 0 || height < 0) {
         return ERROR_INVALID_PARAMETER;
+    }
+    if (width > kMaxDimension || height > kMaxDimension ||
+        static_cast<int64_t>(width) * height > kMaxPixels) {
+        __android_log_print(ANDROID_LOG_ERROR, kTag,
+                            "configure->picture %dx%d is larger than the supported %dx%d pixels", width, height,
+                            kMaxDimension, static_cast<int>(kMaxPixels / kMaxDimension));
+        return ERROR_UNSUPPORTED;
     }
     mWidth = width;
     mHeight = height;
@@ -178,17 +190,17 @@ int FFmpegMediaCodec::configure(const MediaFormat* format, void* /*surface*/, vo
     mFrame = kavra::makeScopedAVFrame();
     mSwFrame = kavra::makeScopedAVFrame();
     mPacket = kavra::makeScopedAVPacket();
-    // Input buffers hold any compressed picture: at least a raw picture's
-    // size plus headroom for the parameter sets.
-    size_t inputBytes = std::max(kMinInputBytes, pictureBytes(width, height) + 65536);
-    inputBytes = std::max(inputBytes, static_cast<size_t>(std::max(maxInput, 0)));
+    // Input buffers are sized by the compressed pictures, never by raw ones:
+    // they start small and grow with the packets (dequeueInputBuffer).
+    mInputBytes = std::min(kMaxInputBytes, std::max(kMinInputBytes, static_cast<size_t>(std::max(maxInput, 0))));
     mInputs.clear();
     mInputs.resize(kInputBuffers);
+    bool allocated = mFrame != nullptr && mSwFrame != nullptr && mPacket != nullptr;
     for (Buffer& b : mInputs) {
-        b.data.reset(static_cast<uint8_t*>(av_malloc(inputBytes + AV_INPUT_BUFFER_PADDING_SIZE)));
-        b.capacity = inputBytes;
+        b.capacity = 0;
         b.owner = Owner::Codec;
         memset(&b.info, 0, sizeof(b.info));
+        allocated = allocated && reserve(b, mInputBytes, AV_INPUT_BUFFER_PADDING_SIZE);
     }
     mOutputs.clear();
     mOutputs.resize(kOutputBuffers);
@@ -200,16 +212,12 @@ int FFmpegMediaCodec::configure(const MediaFormat* format, void* /*surface*/, vo
         b.packed = false;
         b.direct = false;
     }
-    bool allocated = mFrame != nullptr && mSwFrame != nullptr && mPacket != nullptr;
-    for (const Buffer& b : mInputs) {
-        allocated = allocated && b.data != nullptr;
+    for (Buffer& b : mOutputs) {
+        // A little memory of its own, so that even an empty buffer (the end
+        // of the stream) has an address; it grows for a picture to pack.
+        allocated = allocated && b.frame != nullptr && reserve(b, kMinOutputBytes, 0);
     }
-    for (const Buffer& b : mOutputs) {
-        allocated = allocated && b.frame != nullptr;
-    }
-    // The output pool is made for the configured size now, so that a stream
-    // of that size never allocates while it runs.
-    if (!allocated || (width > 0 && height > 0 && !allocateOutputs(width, height))) {
+    if (!allocated) {
         freeCodecLocked();
         return ERROR_UNKNOWN;
     }
@@ -221,20 +229,16 @@ int FFmpegMediaCodec::configure(const MediaFormat* format, void* /*surface*/, vo
     return OK;
 }
 
-bool FFmpegMediaCodec::allocateOutputs(int width, int height) {
-    size_t bytes = pictureBytes(width, height);
-    if (bytes == 0) {
+bool FFmpegMediaCodec::reserve(Buffer& buffer, size_t bytes, size_t padding) {
+    if (buffer.capacity >= bytes && buffer.data != nullptr) {
+        return true;
+    }
+    kavra::ScopedAVMem<uint8_t> data(static_cast<uint8_t*>(av_malloc(bytes + padding)));
+    if (data == nullptr) {
         return false;
     }
-    for (Buffer& b : mOutputs) {
-        if (b.capacity < bytes) {
-            b.data.reset(static_cast<uint8_t*>(av_malloc(bytes)));
-            b.capacity = b.data != nullptr ? bytes : 0;
-            if (b.data == nullptr) {
-                return false;
-            }
-        }
-    }
+    buffer.data = std::move(data);
+    buffer.capacity = bytes;
     return true;
 }
 
@@ -354,7 +358,13 @@ ssize_t FFmpegMediaCodec::dequeueInputBuffer(int64_t timeoutUs) {
     }
     size_t index = mFreeInputs.front();
     mFreeInputs.pop_front();
-    mInputs[index].owner = Owner::Client;
+    Buffer& in = mInputs[index];
+    // Grown once the packets asked for it; a buffer that cannot grow keeps
+    // its old memory.
+    if (in.capacity < mInputBytes && !reserve(in, mInputBytes, AV_INPUT_BUFFER_PADDING_SIZE)) {
+        __android_log_print(ANDROID_LOG_WARN, kTag, "input buffer stays at %zu bytes", in.capacity);
+    }
+    in.owner = Owner::Client;
     return static_cast<ssize_t>(index);
 }
 
@@ -385,6 +395,11 @@ int FFmpegMediaCodec::queueInputBuffer(size_t index, off_t offset, size_t size, 
     if (mEndQueued) {
         // Nothing is taken after the end of the stream until a flush.
         return ERROR_INVALID_OPERATION;
+    }
+    // A picture that filled more than half of its buffer: the next ones
+    // may not fit, so every buffer doubles before it is handed out again.
+    if (static_cast<size_t>(offset) + size > in.capacity / 2 && mInputBytes < kMaxInputBytes) {
+        mInputBytes = std::min(kMaxInputBytes, std::max(mInputBytes, in.capacity * 2));
     }
     in.info.offset = static_cast<int32_t>(offset);
     in.info.size = static_cast<int32_t>(size);
@@ -600,17 +615,11 @@ bool FFmpegMediaCodec::emitFrame() {
         sliceHeight != mOutSliceHeight) {
         // A new size or layout: every output buffer must be back (and the
         // buffers of the old one delivered) before the new format is
-        // announced and the packing pool grown if needed.
+        // announced.
         for (const Buffer& b : mOutputs) {
             if (b.owner != Owner::Codec) {
                 return false;
             }
-        }
-        if (!direct && !allocateOutputs(frame->width, frame->height)) {
-            __android_log_print(ANDROID_LOG_ERROR, kTag, "no output buffers for %dx%d", frame->width, frame->height);
-            av_frame_unref(frame);
-            mHaveFrame = false;
-            return true;
         }
         mOutWidth = frame->width;
         mOutHeight = frame->height;
@@ -623,11 +632,19 @@ bool FFmpegMediaCodec::emitFrame() {
         return false;
     }
     size_t index = mFreeOutputs.front();
-    mFreeOutputs.pop_front();
     Buffer& out = mOutputs[index];
+    const size_t bytes = direct ? layoutBytes(stride, sliceHeight) : pictureBytes(frame->width, frame->height);
+    // A picture to pack needs memory of the buffer's own, allocated the
+    // first time the buffer carries one of this size.
+    if (!direct && !reserve(out, bytes, 0)) {
+        __android_log_print(ANDROID_LOG_ERROR, kTag, "no output buffer for %dx%d", frame->width, frame->height);
+        av_frame_unref(frame);
+        mHaveFrame = false;
+        return true;
+    }
+    mFreeOutputs.pop_front();
     out.info.offset = 0;
-    out.info.size = static_cast<int32_t>(direct ? layoutBytes(stride, sliceHeight)
-                                                : pictureBytes(frame->width, frame->height));
+    out.info.size = static_cast<int32_t>(bytes);
     out.info.presentationTimeUs = frame->best_effort_timestamp;
     out.info.flags = 0;
     av_frame_unref(out.frame.get());

@@ -20,11 +20,23 @@
 // writes its pictures straight into buffers of that layout, so an output
 // buffer is the decoded picture itself and nothing is copied. Pictures that
 // cannot be decoded so (a hardware decoder's, or another pixel format) are
-// packed tightly (stride = width) into a fixed pool allocated when the
-// format is known, on the client's thread when it asks for the bytes.
+// packed tightly (stride = width), on the client's thread when it asks for
+// the bytes, into an output buffer's own memory, allocated the first time
+// that buffer carries a picture of that size.
 // Presentation times pass through unchanged. A hardware decoder is used
 // through FFmpeg where the machine offers one, FFmpeg's software decoder
 // otherwise.
+//
+// Pictures are limited to kMaxDimension pixels on either side and
+// kMaxPixels pixels in all (8192x4352: 8K UHD at 7680x4320 fits). A larger
+// size makes configure fail, and a stream that announces one in band has
+// its pictures refused by the decoder, so one damaged header cannot make
+// the codec allocate gigabytes.
+//
+// Input buffers hold compressed pictures, whose size does not follow from
+// the picture size: they start at kMinInputBytes (or KEY_MAX_INPUT_SIZE when
+// the format gives more) and double, up to kMaxInputBytes, whenever a queued
+// picture filled more than half of one, before they are next handed out.
 //
 // Log tag "FFmpegMediaCodec".
 class FFmpegMediaCodec : public MediaCodec {
@@ -32,8 +44,12 @@ public:
     static constexpr const char* kMimeAvc = "video/avc";
     static constexpr int kInputBuffers = 4;
     static constexpr int kOutputBuffers = 8;
-    // Smallest input buffer capacity.
+    // Input buffer capacity: where it starts, and how far it grows.
     static constexpr size_t kMinInputBytes = 1 << 20;
+    static constexpr size_t kMaxInputBytes = 64 << 20;
+    // Largest picture: either side, and pixels in all.
+    static constexpr int kMaxDimension = 8192;
+    static constexpr int64_t kMaxPixels = 8192 * 4352;
 
     explicit FFmpegMediaCodec(AVCodecID codecId);
     ~FFmpegMediaCodec() override;
@@ -86,7 +102,8 @@ private:
     bool emitFrame();
     // Every buffer back to the codec, the decoder emptied.
     void resetLocked();
-    bool allocateOutputs(int width, int height);
+    // Gives a buffer at least `bytes` of memory; false when none can be had.
+    static bool reserve(Buffer& buffer, size_t bytes, size_t padding);
     // Bytes written, or -1 when the picture cannot be delivered.
     int copyFrame(const AVFrame* frame, uint8_t* dst, size_t capacity);
     void freeCodecLocked();
@@ -136,6 +153,8 @@ private:
     // Layout last announced.
     int mOutStride;
     int mOutSliceHeight;
+    // Capacity the input buffers grow to before they are next handed out.
+    size_t mInputBytes;
 
     kavra::ScopedAVCodecContext mCodecContext;
     // Picture buffers of getBuffer, all of mPoolBytes; the worker's alone.

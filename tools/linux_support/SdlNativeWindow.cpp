@@ -1,6 +1,6 @@
 #ifdef KAVRA_HAVE_SDL2
 
-#include "Platform/SdlNativeWindow.h"
+#include "SdlNativeWindow.h"
 
 #include <SDL.h>
 
@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <chrono>
 
-#include "Platform/MemoryNativeWindow.h"
+#include "MemoryNativeWindow.h"
 
 namespace {
 // Three buffers: one on screen, one being filled, one queued.

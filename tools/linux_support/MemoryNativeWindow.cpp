@@ -1,4 +1,4 @@
-#include "Platform/MemoryNativeWindow.h"
+#include "MemoryNativeWindow.h"
 
 #include <cerrno>
 #include <chrono>
