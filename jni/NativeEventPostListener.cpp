@@ -18,7 +18,14 @@ NativeEventPostListener::NativeEventPostListener(JNIEnv* env, jobject thiz, jobj
         return;
     }
     mClass = static_cast<jclass>(env->NewGlobalRef(cls));
-    mObject = weakThis != nullptr ? env->NewGlobalRef(weakThis) : nullptr;
+    mObject = weakThis != nullptr && mClass != nullptr ? env->NewGlobalRef(weakThis) : nullptr;
+    if (env->ExceptionCheck()) {
+        // Out of memory for the references: no further JNI call may run with
+        // the error pending.
+        ALOGE("An exception occurred while keeping the owner's references.");
+        env->ExceptionDescribe();
+        env->ExceptionClear();
+    }
     env->DeleteLocalRef(cls);
 }
 

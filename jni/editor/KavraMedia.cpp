@@ -169,6 +169,7 @@ int KavraMedia::seekFrame(int timeMs, int streamIndex, int flags) {
     if (!mFormatContext) {
         return -1;
     }
+    mReadGuard.reset();
     return av_seek_frame(mFormatContext.get(), streamIndex, static_cast<int64_t>(timeMs) * 1000, flags);
 }
 
@@ -177,7 +178,16 @@ int KavraMedia::readFrame(AVPacket* packet) {
     if (!mFormatContext || packet == nullptr) {
         return -1;
     }
-    return av_read_frame(mFormatContext.get(), packet);
+    int ret = av_read_frame(mFormatContext.get(), packet);
+    if (mReadGuard.onRead(ret, mFormatContext.get()) == ReadProgressGuard::READ_DAMAGED) {
+        return AVERROR_EOF;
+    }
+    return ret;
+}
+
+bool KavraMedia::isInputDamaged() {
+    NativeMutexLock lock(mMutex);
+    return mReadGuard.damaged();
 }
 
 bool KavraMedia::isEndOfInput() {

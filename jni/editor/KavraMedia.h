@@ -2,6 +2,7 @@
 
 #include "Common/FFmpegPtr.h"
 #include "Common/NativeMutex.h"
+#include "Source/ReadProgressGuard.h"
 
 // A small synchronous reader and decoder over one media file. No threads,
 // no queues: each call does one FFmpeg operation under the object's mutex
@@ -33,7 +34,12 @@ public:
     // av_seek_frame at timeMs x 1000 in the index's time base (the global
     // microsecond base for index -1).
     int seekFrame(int timeMs, int streamIndex, int flags);
+    // av_read_frame's result, except that a run of read errors without
+    // progress (a damaged file that fails the same way on every call) is
+    // answered with AVERROR_EOF, and the input is marked as damaged.
     int readFrame(AVPacket* packet);
+    // A read met damage that ended the input before its end.
+    bool isInputDamaged();
     // One decode step: the packet is sent and one picture is taken if the
     // decoder has one ready. *gotPicture is 1 when pVideoFrame now holds a
     // new picture and 0 otherwise (pVideoFrame then keeps the last picture).
@@ -63,6 +69,11 @@ public:
 
     // The Java side's number for a decoder, -1 for codecs it does not know.
     static int mimeIdFor(AVCodecID codecId);
+
+    // The picture of the last decode that gave one (see decodeVideo).
+    AVFrame* getVideoFrame() { return pVideoFrame.get(); }
+    // The chosen video stream's index, negative when there is none.
+    int getVideoStreamIndex() const { return mVideoStreamIndex; }
 
 protected:
     // True once av_read_frame hit the end of the file's byte stream.
@@ -107,5 +118,7 @@ private:
     int mVideoMimeId;
     int mSampleRate;
     int mChannels;
+    // Guarded by mMutex.
+    ReadProgressGuard mReadGuard;
     NativeMutex mMutex;
 };

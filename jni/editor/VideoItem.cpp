@@ -1,6 +1,7 @@
 #include "editor/VideoItem.h"
 
 #include <android/log.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -51,7 +52,7 @@ VideoItem::VideoItem()
     : seekState(0), cancelled(false), keyFrameOnly(true), readerRunning(true), released(false), readerState(0),
       startTime(0), endTime(0), interval(0), outWidth(0), outHeight(0), count(0), retryBudget(kRetryBudget),
       mWorkingPacket(kavra::makeScopedAVPacket()), pendingFrames(0), scaleFlags(SWS_BICUBIC), mReaderThread(),
-      mReaderStarted(false), mStopReader(false) {
+      mReaderStarted(false), mStopReader(false), mSingleThread(false) {
     mPacketQueue.start();
 }
 
@@ -71,6 +72,12 @@ int VideoItem::setSource(const char* path, bool singleThread) {
         return -1;
     }
     const char* shown = path != nullptr ? path : "(null)";
+    {
+        NativeMutexLock grab(mKeyFrameLock);
+        mPath = path != nullptr ? path : "";
+        mSingleThread = singleThread;
+        mKeyFrameMedia.reset();
+    }
     int result = 0;
     int ret = KavraMedia::setSource(path);
     if (ret < 0) {
@@ -592,53 +599,75 @@ int VideoItem::getKeyFrameAt(int* dst, int dstBytes, int width, int height, int 
         LOGE("avpicture_get_size is bigger than dstArray size.");
         return -1;
     }
-    flushVideoDecoder();
-    int ret = seekFrame(t, -1, AVSEEK_FLAG_BACKWARD | AVSEEK_FLAG_FRAME);
+    NativeMutexLock grab(mKeyFrameLock);
+    KavraMedia* media = keyFrameMedia();
+    kavra::ScopedAVPacket scopedPacket = kavra::makeScopedAVPacket();
+    AVPacket* packet = scopedPacket.get();
+    if (media == nullptr || packet == nullptr) {
+        return -1;
+    }
+    media->flushVideoDecoder();
+    int ret = media->seekFrame(t, -1, AVSEEK_FLAG_BACKWARD | AVSEEK_FLAG_FRAME);
     if (ret < 0) {
-        ret = seekFrame(0, -1, AVSEEK_FLAG_BACKWARD | AVSEEK_FLAG_FRAME);
+        ret = media->seekFrame(0, -1, AVSEEK_FLAG_BACKWARD | AVSEEK_FLAG_FRAME);
         if (ret >= 0) {
             return ret;
         }
         LOGE("seekFrame error:%d", ret);
         return ret;
     }
-    AVPacket* packet = mWorkingPacket.get();
-    if (packet == nullptr) {
-        return -1;
-    }
     for (int passed = 0;;) {
-        ret = readFrame(packet);
+        ret = media->readFrame(packet);
         if (ret < 0) {
             LOGE("readFrame error:%d", ret);
             av_packet_unref(packet);
             return ret;
         }
-        if (packet->stream_index == mVideoStreamIndex && packet->flags == AV_PKT_FLAG_KEY) {
+        if (packet->stream_index == media->getVideoStreamIndex() && packet->flags == AV_PKT_FLAG_KEY) {
             break;
         }
         av_packet_unref(packet);
         if (++passed >= kKeyPacketBudget) {
             LOGE("Mutex time out.");
-            flushVideoDecoder();
+            media->flushVideoDecoder();
             return -1;
         }
     }
     int got = 0;
-    decodeVideo(&got, packet);
+    media->decodeVideo(&got, packet);
     av_packet_unref(packet);
     for (int calls = 0; !got; ++calls) {
         if (calls == kDrainBudget) {
             LOGE("decoder time out.");
             return -1;
         }
-        if (decodeVideo(&got, packet) < 0) {
+        if (media->decodeVideo(&got, packet) < 0) {
             LOGE("decoder fail.");
             return -1;
         }
     }
-    ret = YUV420PToRGBA(pVideoFrame.get(), dst, scaleWidth, scaleHeight, rotation);
-    flushVideoDecoder();
+    ret = YUV420PToRGBA(media->getVideoFrame(), dst, scaleWidth, scaleHeight, rotation);
+    media->flushVideoDecoder();
     return ret;
+}
+
+KavraMedia* VideoItem::keyFrameMedia() {
+    if (mKeyFrameMedia) {
+        return mKeyFrameMedia.get();
+    }
+    // Opening anything but a regular file a second time could block (a
+    // pipe without a writer) or read other bytes than the first open did.
+    struct stat st;
+    if (mPath.empty() || stat(mPath.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) {
+        LOGE("getKeyFrameAt->cannot open %s again", mPath.c_str());
+        return nullptr;
+    }
+    std::unique_ptr<KavraMedia> media(new KavraMedia());
+    if (media->setSource(mPath.c_str()) < 0 || media->openVideoDecoder(mSingleThread) < 0 || media->prepare() < 0) {
+        return nullptr;
+    }
+    mKeyFrameMedia = std::move(media);
+    return mKeyFrameMedia.get();
 }
 
 // ---------------------------------------------------------------------------

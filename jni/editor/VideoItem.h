@@ -4,6 +4,8 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <memory>
+#include <string>
 
 #include "Common/FFmpegPtr.h"
 #include "Common/NativeCondition.h"
@@ -63,7 +65,11 @@ public:
     // The same with the thumbnails handed to any sink.
     int getThumbnailList(int* dst, int dstBytes, ThumbnailSink& sink);
     // The key frame at or before timeMs (0 when beyond the duration or
-    // negative), scaled to width x height in display orientation.
+    // negative), scaled to width x height in display orientation. Safe from
+    // any thread at any time, also from inside a thumbnail callback: grabs
+    // read and decode through a reader of their own (opened on the first
+    // grab), so they never move a running strip's reader nor share its
+    // decoder. Concurrent grabs take turns.
     int getKeyFrameAt(int* dst, int dstBytes, int width, int height, int timeMs);
     // Writes the first frame at or after timeMs (the last frame when there
     // is none) in coded size and orientation to `path` as a JPEG image.
@@ -102,6 +108,9 @@ private:
     int frameTimeMs(AVFrame* frame);
     // Writes a YUVJ420P picture to `path` as one JPEG image.
     void writeJpeg(const char* path, AVFrame* picture);
+    // The key-frame grabs' own reader; opened on first use. Null when the
+    // file cannot be opened again. Called under mKeyFrameLock.
+    KavraMedia* keyFrameMedia();
     // Copies (and turns) an RGBA picture of width x height into dst.
     static void placeRgba(const int* src, int* dst, int width, int height, int rotation, int dstBytes);
 
@@ -136,6 +145,13 @@ private:
     // Ends the reader when a strip or snapshot is over, without touching
     // the cancel flag the caller sees.
     std::atomic<bool> mStopReader;
+
+    // Key-frame grabs: the path and threading the item was opened with, and
+    // the grabs' own reader. Guarded by mKeyFrameLock.
+    std::string mPath;
+    bool mSingleThread;
+    std::unique_ptr<KavraMedia> mKeyFrameMedia;
+    NativeMutex mKeyFrameLock;
 
     NativeMutex operationMutex;
     NativeMutex releaseMutex;

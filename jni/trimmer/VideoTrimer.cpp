@@ -392,8 +392,15 @@ int VideoTrimer::prepare() {
 }
 
 int VideoTrimer::readPacket() {
-    av_packet_unref(mPacket.get());
-    return av_read_frame(mpSrcFormatCtx.get(), mPacket.get());
+    for (;;) {
+        av_packet_unref(mPacket.get());
+        int ret = av_read_frame(mpSrcFormatCtx.get(), mPacket.get());
+        switch (mReadGuard.onRead(ret, mpSrcFormatCtx.get())) {
+        case ReadProgressGuard::READ_PACKET: return ret;
+        case ReadProgressGuard::READ_RETRY: break;
+        default: return ret < 0 ? ret : AVERROR_EOF;
+        }
+    }
 }
 
 // Positions the input at its very beginning; returns the first video key

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Common/FFmpegPtr.h"
+#include "Source/ReadProgressGuard.h"
 
 class NativeEventPostListener;
 class TrimProgressListener;
@@ -96,6 +97,9 @@ public:
     // Whether the prepared trim may copy video packets (MPEG-4 Part 2 input
     // without B-frames) instead of re-encoding every frame.
     bool copiesVideo() const { return mCopyVideo; }
+    // Reading the input stopped at damage rather than at its end, so the
+    // output may lack what followed.
+    bool isInputDamaged() const { return mReadGuard.damaged(); }
     // What startTrim wrote.
     int64_t videoFramesCopied() const { return mVideoFramesCopied; }
     int64_t videoFramesEncoded() const { return mVideoFramesEncoded; }
@@ -145,6 +149,8 @@ private:
     void startTrimOuter();
     void runPass(const Pass& pass);
 
+    // The next packet into mPacket: 0, or negative at the end of the input
+    // (read errors are retried while they make progress).
     int readPacket();
     int64_t seekToStart();
     int64_t firstVideoKeyPts();
@@ -176,6 +182,7 @@ private:
     int32_t mSrcVideoIndex;
     int32_t mDstVideoIndex;
     kavra::ScopedAVPacket mPacket;
+    ReadProgressGuard mReadGuard;
     int64_t mStartTime;
     int64_t mEndTime;
     int64_t mVideoStartPTS;

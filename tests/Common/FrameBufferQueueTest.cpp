@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstring>
 #include <future>
+#include <vector>
 
 extern "C" {
 #include <libavutil/imgutils.h>
@@ -83,6 +84,59 @@ TEST(FrameBufferQueueLifecycle, InvalidGeometryIsRefusedAndNothingPassesBeforeSt
     q.release();
     q.release();
     EXPECT_FALSE(q.isCreated());
+}
+
+// Queues `n` frames and returns a reference to each one's pixels, so a test
+// can see whether a slot still holds them.
+std::vector<AVBufferRef*> queueFrames(FrameBufferQueue& q, int n) {
+    std::vector<AVBufferRef*> refs;
+    for (int i = 0; i < n; ++i) {
+        ScopedAVFrame f = makeFrame(16, 16, static_cast<uint8_t>(i));
+        refs.push_back(av_buffer_ref(f->buf[0]));
+        FrameBuffer s = stagingFor(f.get(), FRAME_BUFFER_FRAME, 10 * i);
+        EXPECT_EQ(q.queueInputBuffer(&s, 0), 0);
+    }
+    return refs;
+}
+
+// Drops the test's references; true when no slot held the frames any more.
+bool allFreed(std::vector<AVBufferRef*>& refs) {
+    bool freed = true;
+    for (AVBufferRef*& ref : refs) {
+        freed = freed && av_buffer_get_ref_count(ref) == 1;
+        av_buffer_unref(&ref);
+    }
+    return freed;
+}
+
+TEST(FrameBufferQueueCreate, CreatingAgainFreesTheOldSlotsWithTheirOwnSizeAndType) {
+    FrameBufferQueue q;
+    ASSERT_EQ(q.create(2, AV_PIX_FMT_YUV420P, 16, 16), 0);
+    ASSERT_EQ(q.create(2), 0) << "picture slots freed as pictures";
+    q.start();
+    std::vector<AVBufferRef*> held = queueFrames(q, 2);
+    ASSERT_EQ(q.create(8), 0) << "two slots freed, not eight";
+    EXPECT_TRUE(allFreed(held));
+    q.start();
+    held = queueFrames(q, 8);
+    for (int i = 0; i < 8; ++i) {
+        ASSERT_EQ(q.dequeueOutputBufferIndex(0), i);
+        EXPECT_EQ(q.getBuffer(i)->ptsMs, 10 * i);
+        q.releaseOutputBuffer();
+    }
+    ASSERT_EQ(q.create(3), 0);
+    EXPECT_TRUE(allFreed(held)) << "all eight slots freed, not three";
+    q.start();
+    held = queueFrames(q, 3);
+    ASSERT_EQ(q.create(2, AV_PIX_FMT_YUV420P, 16, 16), 0);
+    EXPECT_TRUE(allFreed(held)) << "frame slots freed as frames";
+    ASSERT_EQ(q.create(2), 0);
+    q.start();
+    held = queueFrames(q, 2);
+    EXPECT_EQ(q.create(0), -1);
+    EXPECT_FALSE(q.isCreated());
+    EXPECT_TRUE(allFreed(held)) << "a refused create still frees the old ring";
+    q.release();
 }
 
 TEST(FrameBufferQueueFrames, FramesMoveInByReferenceAndComeOutInOrder) {

@@ -89,7 +89,9 @@ INSTANTIATE_TEST_SUITE_P(
                       StreamCase{"hevc.mp4", "v", -1}, StreamCase{"vp9.webm", "v", -1},
                       StreamCase{"vp9.webm", "a", -1}, StreamCase{"odd_size.mp4", "v", -1},
                       StreamCase{"late_start.ts", "v", -1}, StreamCase{"late_start.ts", "a", -1},
-                      StreamCase{"truncated.mp4", "v", -1}, StreamCase{"truncated.mp4", "a", -1}),
+                      StreamCase{"truncated.mp4", "v", -1}, StreamCase{"truncated.mp4", "a", -1},
+                      // No packet carries a time: each frame follows the last.
+                      StreamCase{"no_times.h264", "v", -1}),
     caseName);
 
 }  // namespace
@@ -123,6 +125,21 @@ TEST_F(FFmpegDecoderVideo, StopWhileBlockedOnAFullRingReturnsPromptly) {
 TEST_F(FFmpegDecoderVideo, ADamagedPacketIsLoggedAndDecodingGoesOn) {
     LogCapture log;
     expectDamagedPacketLoggedAndSkipped(decoder, media, log, "FFmpegDecoder");
+}
+
+TEST_F(FFmpegDecoderVideo, CreateIsRefusedWhileTheThreadDecodes) {
+    LogCapture log;
+    OutputCollector out(decoder.getOutputQueue());
+    out.start();
+    ASSERT_EQ(decoder.start(), 0);
+    ASSERT_EQ(feedStream(media.extractor, media.video, decoder, nullptr, 60), 60);
+    ASSERT_TRUE(out.waitForFrames(10, 30000));
+    EXPECT_EQ(decoder.create(media.stream(media.video)), -1);
+    EXPECT_TRUE(log.contains("FFmpegDecoder", "create->decoder is running"));
+    ASSERT_EQ(feedStream(media.extractor, media.video, decoder), 240);
+    ASSERT_TRUE(out.waitForEnd(30000));
+    out.finish();
+    expectWholeVideo(out.frames(), 300);
 }
 
 TEST_F(FFmpegDecoderVideo, WithoutAnOutputQueueDecodeInnerStillDecodes) {

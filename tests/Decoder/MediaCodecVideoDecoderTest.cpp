@@ -62,9 +62,11 @@ TEST_P(MediaCodecVideoDecoderStream, DeliversExactlyTheSoftwareDecodersFrames) {
 
 // The other H.264 fixtures carry the same stream as h264_aac.mp4 in
 // another container; these differ in the stream: parameter sets in band,
-// data cut short, a cropped picture.
+// data cut short, a cropped picture, no times.
 INSTANTIATE_TEST_SUITE_P(H264Fixtures, MediaCodecVideoDecoderStream,
-                         ::testing::Values("h264_aac.mp4", "late_start.ts", "truncated.mp4", "h264_crop.mp4"),
+                         ::testing::Values("h264_aac.mp4", "late_start.ts", "truncated.mp4", "h264_crop.mp4",
+                                           // No packet carries a time.
+                                           "no_times.h264"),
                          FixtureName());
 
 // What the decoder did to its codec, as seen by SpyCodec.
@@ -93,6 +95,8 @@ class SpyCodec : public MediaCodec {
 public:
     explicit SpyCodec(std::shared_ptr<CodecRecord> record) : mRecord(std::move(record)), mInner(AV_CODEC_ID_H264) {}
     size_t inputLimit = 0;
+    // Swallows the end-of-stream buffer, as a codec that never sends one.
+    bool hideEnd = false;
     int configureResult = OK;
     int startResult = OK;
 
@@ -139,6 +143,10 @@ public:
         ssize_t index = mInner.dequeueOutputBuffer(info, timeoutUs);
         if (index >= 0 && (info->flags & BUFFER_FLAG_END_OF_STREAM)) {
             mRecord->endOutputs += 1;
+            if (hideEnd) {
+                mInner.releaseOutputBuffer(static_cast<size_t>(index), false);
+                return INFO_TRY_AGAIN_LATER;
+            }
         }
         return index;
     }
@@ -315,6 +323,15 @@ TEST(MediaCodecVideoDecoderInput, TheEndRecordFollowsTheCodecsEndOfStream) {
     auto frames = decodeThroughSpy(record, nullptr, nullptr, [&] { endOutputsAtRecord = record->endOutputs.load(); });
     EXPECT_EQ(endOutputsAtRecord.load(), 1);
     EXPECT_EQ(frames.size(), 300u);
+}
+
+TEST(MediaCodecVideoDecoderInput, ACodecThatNeverSignalsTheEndStillEndsTheStream) {
+    LogCapture log;
+    auto record = std::make_shared<CodecRecord>();
+    std::vector<DecodedFrame> frames = decodeThroughSpy(record, [](SpyCodec& c) { c.hideEnd = true; });
+    EXPECT_EQ(record->endOutputs.load(), 1);
+    EXPECT_TRUE(log.contains("MediaCodecVideoDecoder", "no end of stream from the codec after 2000 ms, stream ended"));
+    expectWholeVideo(frames, 300);
 }
 
 TEST(MediaCodecVideoDecoderInput, NeverWritesMoreThanAnInputBufferHolds) {

@@ -12,7 +12,10 @@
 namespace kavra::test {
 namespace {
 
-CommandResult kavra(const std::string& args) { return runCommand(shellQuote(kavraTool()) + " " + args); }
+// Bounded: a command that hangs fails with timeout's status 124.
+CommandResult kavra(const std::string& args) {
+    return runCommand("timeout 120 " + shellQuote(kavraTool()) + " " + args);
+}
 
 // An image file decoded to RGBA by the ffmpeg tool.
 struct Rgba {
@@ -181,7 +184,11 @@ INSTANTIATE_TEST_SUITE_P(
         BadCall{"KeyframeBadTime", "keyframe " + kClip + " --at soon -o OUT"},
         BadCall{"SnapshotNoMoov", "snapshot " + shellQuote(fixture("truncated_nomoov.mp4")) + " --at 1s -o OUT"},
         BadCall{"SnapshotUnwritable", "snapshot " + kClip + " --at 1s -o /no/such/dir/s.jpg"},
-        BadCall{"SnapshotNoTime", "snapshot " + kClip + " -o OUT"}),
+        BadCall{"SnapshotNoTime", "snapshot " + kClip + " -o OUT"},
+        // Reads fail for ever from about 4 s on: the commands end and say so.
+        BadCall{"ThumbsDamaged", "thumbs " + shellQuote(fixture("damaged_sample_table.mp4")) + " --count 10 -o OUT"},
+        BadCall{"SnapshotDamaged",
+                "snapshot " + shellQuote(fixture("damaged_sample_table.mp4")) + " --at 4.5s -o OUT"}),
     [](const auto& info) { return std::string(info.param.label); });
 
 }  // namespace

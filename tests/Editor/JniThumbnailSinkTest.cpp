@@ -1,6 +1,7 @@
 // Thumbnail strips delivered to a Java callback in the in-process JVM:
 // onThumbnail(int) runs on the calling Java thread while the thumbnail's
-// pixels stand in the destination, and Java exceptions end the strip.
+// pixels stand in the destination; Java exceptions end the strip and are
+// cleared.
 
 #include <gtest/gtest.h>
 
@@ -8,6 +9,7 @@
 #include "editor/JniThumbnailSink.h"
 #include "editor/VideoItem.h"
 #include "support/JvmHarness.h"
+#include "support/LogCapture.h"
 
 namespace kavra::test {
 namespace {
@@ -87,25 +89,33 @@ TEST_F(JniThumbnailSinkTest, EachThumbnailReachesJavaOnTheCallingThreadWithItsPi
     env->DeleteLocalRef(recorder);
 }
 
-TEST_F(JniThumbnailSinkTest, AnExceptionInTheCallbackEndsTheStripAndReachesTheCaller) {
+// A Java exception ends the strip and is logged and cleared where it
+// arises: no JNI call runs with it pending (the checked JNI would complain).
+TEST_F(JniThumbnailSinkTest, AnExceptionInTheCallbackEndsTheStripAndIsLoggedAndCleared) {
     auto item = openItem("h264_aac.mp4");
     item->setItemParameters(0, 9000, 10, kWidth, kHeight, true);
     jobject recorder = makeRecorder(1);
+    const int complaints = jniComplaintCount();
+    LogCapture log;
     EXPECT_EQ(item->get_thumbnaillist(env, pixels.data(), static_cast<int>(pixels.size() * 4), recorder), 0);
-    ASSERT_TRUE(env->ExceptionCheck());
+    EXPECT_FALSE(env->ExceptionCheck()) << "the callback's exception was left pending";
     env->ExceptionClear();
     EXPECT_EQ(count(recorder), 2) << "no call after the one that threw";
+    EXPECT_EQ(log.count("JNI_VideoItem", "onThumbnail threw an exception."), 1);
+    EXPECT_EQ(jniComplaintCount(), complaints);
     env->DeleteLocalRef(recorder);
 }
 
-TEST_F(JniThumbnailSinkTest, ACallbackWithoutOnThumbnailGetsNoCallAndTheErrorIsLeftForJava) {
+TEST_F(JniThumbnailSinkTest, ACallbackWithoutOnThumbnailGetsNoCallAndTheErrorIsCleared) {
     auto item = openItem("h264_aac.mp4");
     item->setItemParameters(0, 9000, 4, kWidth, kHeight, true);
     jclass objectClass = env->FindClass("java/lang/Object");
     jobject plain = env->AllocObject(objectClass);
+    LogCapture log;
     EXPECT_EQ(item->get_thumbnaillist(env, pixels.data(), static_cast<int>(pixels.size() * 4), plain), 0);
-    ASSERT_TRUE(env->ExceptionCheck()) << "NoSuchMethodError";
+    EXPECT_FALSE(env->ExceptionCheck()) << "NoSuchMethodError was left pending";
     env->ExceptionClear();
+    EXPECT_EQ(log.count("JNI_VideoItem", "GetMethodID onThumbnail threw an exception."), 1);
     env->DeleteLocalRef(plain);
     env->DeleteLocalRef(objectClass);
 }

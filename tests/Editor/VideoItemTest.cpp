@@ -281,6 +281,56 @@ TEST(VideoItemThreads, CancelFromAnotherThreadStopsTheStripWithNoCallbackAfterIt
     EXPECT_EQ(item->getPacketFrame(2), nullptr) << "a cancelled item hands out nothing";
 }
 
+// Key-frame grabs during a strip, from inside its callback and from another
+// thread at the same time, must neither disturb the strip nor each other.
+TEST(VideoItemThreads, KeyFrameGrabsDuringAStripLeaveItIntact) {
+    auto item = openItem("h264_aac.mp4");
+    item->setItemParameters(0, 9000, 10, 160, 120, true);
+    std::vector<int> dst(160 * 120);
+    auto grab = [&](std::vector<int>& pixels, int timeMs) {
+        int ret = item->getKeyFrameAt(pixels.data(), rgbaBytes(160, 120), 160, 120, timeMs);
+        return ret != 0 ? -1 : frameIndexFromRgba(reinterpret_cast<uint8_t*>(pixels.data()), 160 * 4, 160, 120);
+    };
+    std::atomic<bool> stripDone{false};
+    std::atomic<int> otherGrabs{0};
+    std::atomic<int> otherWrong{0};
+    std::thread other([&] {
+        std::vector<int> pixels(160 * 120);
+        while (!stripDone) {
+            otherWrong += grab(pixels, 7500) == 210 ? 0 : 1;
+            ++otherGrabs;
+        }
+    });
+    std::vector<int> shown;
+    std::vector<int> grabbed;
+    FunctionSink sink([&](int index, int) {
+        shown.push_back(frameIndexFromRgba(reinterpret_cast<uint8_t*>(dst.data()), 160 * 4, 160, 120));
+        if (index == 0) {
+            // The other thread grabs while the strip runs.
+            for (int i = 0; i < 2000 && otherGrabs < 1; ++i) {
+                std::this_thread::sleep_for(5ms);
+            }
+        }
+        // From inside the callback, far from where the strip reads.
+        std::vector<int> pixels(160 * 120);
+        grabbed.push_back(grab(pixels, 9000 - index * 1000));
+        return true;
+    });
+    EXPECT_EQ(item->getThumbnailList(dst.data(), rgbaBytes(160, 120), sink), 0);
+    stripDone = true;
+    other.join();
+    std::vector<int> expectedShown;
+    std::vector<int> expectedGrabbed;
+    for (int i = 0; i < 10; ++i) {
+        expectedShown.push_back(i * 30);
+        expectedGrabbed.push_back((9 - i) * 30);
+    }
+    EXPECT_EQ(shown, expectedShown);
+    EXPECT_EQ(grabbed, expectedGrabbed);
+    EXPECT_GE(otherGrabs, 1);
+    EXPECT_EQ(otherWrong, 0);
+}
+
 TEST(VideoItemThreads, ReleaseDuringAStripReturnsAfterTheStripAndOnlyOnce) {
     auto item = openItem("h264_aac.mp4");
     item->setItemParameters(0, 9000, 10, 160, 120, true);
@@ -424,12 +474,20 @@ TEST(VideoItemPixels, TurnsTheTwoByThreePicture) {
 // Decodes one picture of a fixture to convert.
 class DecodedItem : public VideoItem {
 public:
+    // The first picture decoded from the key frame at or before timeMs.
     AVFrame* decodeAt(int timeMs) {
-        std::vector<int> scratch(16 * 16);
-        if (getKeyFrameAt(scratch.data(), rgbaBytes(16, 16), 16, 16, timeMs) != 0) {
+        if (seekFrame(timeMs, -1, AVSEEK_FLAG_BACKWARD) < 0) {
             return nullptr;
         }
-        return pVideoFrame.get();
+        kavra::ScopedAVPacket packet = kavra::makeScopedAVPacket();
+        int got = 0;
+        while (!got && readFrame(packet.get()) >= 0) {
+            if (packet->stream_index == getVideoStreamIndex()) {
+                decodeVideo(&got, packet.get());
+            }
+            av_packet_unref(packet.get());
+        }
+        return got ? pVideoFrame.get() : nullptr;
     }
 };
 

@@ -388,6 +388,41 @@ TEST(KavraMediaDecoder, SeekAgainstABlockedReadTimesOutAndInterruptsTheExtractor
     pipe.release(StallingPipe::Stage::Close);
 }
 
+// A consumer that keeps a frame blocks the decoder's flush (the decoding
+// thread cannot empty its queue under it). The seek must still give up
+// after its 500 ms, finish once the frame is back, and leave the next seek
+// working.
+TEST(KavraMediaDecoder, SeekTimesOutWhileAHeldFrameBlocksTheFlushAndFinishesOnceItIsBack) {
+    LogCapture log;
+    KavraMediaDecoder decoder;
+    open(decoder, fixture("mpeg4.mp4"));
+    FrameBufferQueue* video = decoder.getVideoOutputQueue();
+    ASSERT_TRUE(waitUntil([&] { return video->dequeueOutputBufferIndex(30) >= 0; }, kWaitMs));
+
+    std::atomic<bool> returned{false};
+    std::thread seeker([&] {
+        decoder.seekTo(1000);
+        returned = true;
+    });
+    bool inTime = waitUntil([&] { return returned.load(); }, 5000);
+    EXPECT_TRUE(inTime) << "the seek waited for the held frame";
+    EXPECT_EQ(log.count(kTag, "seek time out."), inTime ? 1 : 0);
+    EXPECT_FALSE(log.contains(kTag, "seekEnd")) << "the flush cannot end while the frame is held";
+    video->releaseOutputBuffer();
+    seeker.join();
+    EXPECT_TRUE(log.waitFor(kTag, "seekEnd", kWaitMs)) << "the flush ends once the frame is back";
+
+    Clock::time_point start = Clock::now();
+    decoder.seekTo(2000);
+    EXPECT_LT(msSince(start), 5000);
+    EXPECT_TRUE(log.waitFor(kTag, "seekStart", kWaitMs));
+    std::vector<std::string> messages = log.messages(kTag);
+    EXPECT_EQ(std::count(messages.begin(), messages.end(), "seekEnd"), 2);
+    EXPECT_EQ(log.count(kTag, "seek time out."), 1) << "the second seek is carried out";
+    EXPECT_EQ(decoder.stop(), 0);
+    EXPECT_EQ(decoder.release(), 0);
+}
+
 TEST(KavraMediaDecoder, StopReturnsPromptlyWithFullQueues) {
     // Long enough that the queues fill up long before the end of input.
     ScratchDir dir;

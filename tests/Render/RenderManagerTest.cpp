@@ -5,11 +5,15 @@
 
 #include <atomic>
 #include <chrono>
+#include <climits>
+#include <future>
 #include <memory>
 #include <mutex>
+#include <thread>
 #include <vector>
 
 #include "MemoryNativeWindow.h"
+#include "Player/KavraMediaDecoder.h"
 #include "Render/RenderManager.h"
 #include "Render/RenderTestSupport.h"
 #include "support/FrameIndex.h"
@@ -173,6 +177,23 @@ TEST_F(RenderManagerTest, DisabledVideoIsPacedButNotShown) {
     EXPECT_EQ(shownIndex(0), 1);
 }
 
+TEST_F(RenderManagerTest, FarOffFrameTimesNeitherWrapNorHoldTheRenderThread) {
+    manager.setCurrentTime(1000);
+    ASSERT_EQ(manager.calculateRenderFrameDelay(INT_MIN), 0) << "long past is late, not weeks ahead";
+    ASSERT_EQ(manager.calculateRenderFrameDelay(INT_MAX), RenderManager::kMaxDelayMs);
+
+    // A frame far ahead, paced without being shown: one flush (a seek or a
+    // stop) ends its wait, even when it comes before the wait begins.
+    manager.closeStreamRender(RenderManager::kStreamVideo);
+    manager.openSyncRender();
+    FrameBuffer ahead = videoRecord(video[0].get(), INT_MAX);
+    std::future<void> paced = std::async(std::launch::async, [&] {
+        manager.renderFrame(&ahead, RenderManager::kStreamVideo);
+    });
+    manager.flush(RenderManager::kStreamVideo);
+    EXPECT_EQ(paced.wait_for(std::chrono::milliseconds(RenderManager::kMaxDelayMs / 2)), std::future_status::ready);
+}
+
 TEST_F(RenderManagerTest, IgnoresUnknownStreamsAndMissingRenderers) {
     FrameBuffer frame = videoRecord(video[0].get(), 4321);
     manager.renderFrame(&frame, 2);
@@ -210,6 +231,77 @@ TEST_F(RenderManagerTest, ClockFollowsSpeedPauseAndTheStartTime) {
     advanceMs(50);
     EXPECT_EQ(manager.getCurrentTime(), 4300);
 }
+
+// Raw elementary streams carry no times at all. Played through the demux
+// pipeline and the render manager at the clock's pace, as a player's video
+// render thread does, every picture is shown once, in order, at a time that
+// follows the one before.
+class RenderManagerUntimed : public ::testing::TestWithParam<const char*> {};
+
+TEST_P(RenderManagerUntimed, ShowsEveryFrameInOrderAtItsPace) {
+    KavraMediaDecoder decoder;
+    ASSERT_EQ(decoder.setDataSource(fixture(GetParam()).c_str()), 0);
+    ASSERT_EQ(decoder.prepare(), 0);
+    ASSERT_EQ(decoder.selectVideoStream(0), 0);
+    auto window = std::make_shared<MemoryNativeWindow>();
+    RenderManager manager;
+    manager.setVideoPlay(window, 0);
+    manager.setStartTime(decoder.getStreamStartTime());
+    manager.openSyncRender();
+    ASSERT_EQ(decoder.start(), 0);
+    FrameBufferQueue* queue = decoder.getVideoOutputQueue();
+    std::vector<int> times;
+    std::atomic<bool> stop{false};
+    std::future<bool> played = std::async(std::launch::async, [&] {
+        while (!stop) {
+            int index = queue->dequeueOutputBufferIndex(30);
+            if (index < 0) {
+                continue;
+            }
+            FrameBuffer* frame = queue->getBuffer(index);
+            if (frame->size == 0) {
+                queue->releaseOutputBuffer();
+                return true;
+            }
+            times.push_back(frame->ptsMs);
+            // A late frame the presentation thread was too busy for is
+            // handed again, so that every frame is seen.
+            VideoRender* render = manager.getVideoRender();
+            int dropped = 0;
+            do {
+                dropped = render->getDroppedFrames();
+                manager.renderFrame(frame, RenderManager::kStreamVideo);
+            } while (!stop && render->getDroppedFrames() != dropped);
+            queue->releaseOutputBuffer();
+            window->waitForQueued(times.size(), 5000);
+        }
+        return false;
+    });
+    bool ended = played.wait_for(std::chrono::seconds(30)) == std::future_status::ready;
+    // Whatever happened, the render loop ends: a stop cuts its waits short.
+    stop = true;
+    manager.closeStreamRender(RenderManager::kStreamBoth);
+    ASSERT_TRUE(played.get() && ended) << "the stream did not play to its end";
+    decoder.stop();
+    decoder.release();
+
+    ASSERT_EQ(times.size(), 60u);
+    ASSERT_EQ(window->keptCount(), 60u);
+    for (size_t i = 0; i < times.size(); ++i) {
+        MemoryNativeWindow::QueuedBuffer b = window->kept(i);
+        EXPECT_EQ(frameIndexFromLuma(b.bytes.data(), b.stride, b.width, b.height), static_cast<int>(i));
+        if (i > 0) {
+            // 30 frames a second.
+            EXPECT_NEAR(times[i] - times[i - 1], 33, 1) << "frame " << i;
+        }
+        if (HasFailure()) {
+            break;
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(RawStreams, RenderManagerUntimed, ::testing::Values("no_times.h264", "no_times.hevc"),
+                         FixtureName());
 
 }  // namespace
 }  // namespace kavra::test

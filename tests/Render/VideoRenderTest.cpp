@@ -263,20 +263,17 @@ TEST_F(VideoRenderTest, WaitsForADueFrameUnlessFlushed) {
     ASSERT_EQ(render->renderFrame(&record, 120), 0);
     EXPECT_GE(msSince(start), 110) << "the producer is held until the frame is due";
 
-    std::atomic<bool> done{false};
+    // One flush ends the wait, whether it comes while the producer waits or
+    // just before it begins to.
     start = Clock::now();
-    std::thread producer([&] {
-        render->renderFrame(&record, 5000);
-        done = true;
-    });
-    // A flush ends the wait early; it may have to be repeated until the
-    // producer is actually waiting.
-    while (!done && msSince(start) < kWaitMs) {
-        render->flush();
-        std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
+    std::thread producer([&] { render->renderFrame(&record, 5000); });
+    render->flush();
     producer.join();
     EXPECT_LT(msSince(start), 4000) << "flush did not cut the wait short";
+    render->flush();
+    start = Clock::now();
+    ASSERT_EQ(render->renderFrame(&record, 5000), 0);
+    EXPECT_LT(msSince(start), 4000) << "a flush before the frame was lost";
 }
 
 TEST_F(VideoRenderTest, RestartsThePresentationThreadOnEverySizeChange) {

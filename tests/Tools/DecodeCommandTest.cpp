@@ -75,6 +75,16 @@ INSTANTIATE_TEST_SUITE_P(Fixtures, DecodeCommand,
                              return name;
                          });
 
+// The frames come through the player's pipeline (its demux thread and end
+// of input), not through a loop of the command's own.
+TEST(DecodeCommandPipeline, DecodesThroughTheDemuxThread) {
+    CommandResult r = runCommand("timeout 120 " + shellQuote(kavraTool()) + " -v decode " +
+                                 shellQuote(fixture("mpeg4.mp4")) + " 2>&1 >/dev/null");
+    EXPECT_EQ(r.status, 0) << r.output;
+    EXPECT_NE(r.output.find("KavraMediaDecoder: onMuxPacket thread begin"), std::string::npos) << r.output;
+    EXPECT_NE(r.output.find("KavraMediaDecoder: Mux end."), std::string::npos) << r.output;
+}
+
 TEST(DecodeCommandErrors, WhatCannotBeDecodedIsOneLineAndExitStatusOne) {
     const std::vector<std::string> bad = {
         shellQuote(fixture("random.bin")),
@@ -84,10 +94,15 @@ TEST(DecodeCommandErrors, WhatCannotBeDecodedIsOneLineAndExitStatusOne) {
         shellQuote(fixture("mpeg4.mp4")) + " --video-decoder codec",
         shellQuote(fixture("h264_aac.mp4")) + " --video-decoder magic",
         "",
+        // Reads fail for ever halfway: not a success on half the file.
+        shellQuote(fixture("damaged_sample_table.mp4")),
+        shellQuote(fixture("damaged_sample_table.mp4")) + " --video-decoder ffmpeg",
     };
     for (const std::string& args : bad) {
-        // Standard error only, standard output thrown away.
-        CommandResult r = runCommand(shellQuote(kavraTool()) + " decode " + args + " 2>&1 >/dev/null");
+        // Standard error only, standard output thrown away; bounded, so
+        // that a hang fails with timeout's status 124.
+        CommandResult r =
+            runCommand("timeout 120 " + shellQuote(kavraTool()) + " decode " + args + " 2>&1 >/dev/null");
         EXPECT_EQ(r.status, 1) << args;
         ASSERT_FALSE(r.output.empty()) << args;
         EXPECT_EQ(r.output.find('\n'), r.output.size() - 1) << "one line for " << args << ": " << r.output;

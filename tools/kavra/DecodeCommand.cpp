@@ -1,20 +1,20 @@
 // kavra decode FILE [--video-decoder auto|ffmpeg|codec] [--json]: decodes the
-// best video and audio streams to the end through the engine's decoders,
-// their threads and queues, and reports frames and speed.
+// best video and audio streams to the end through the player's pipeline
+// (demux thread, decoder threads and queues) and reports frames and speed.
 
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <memory>
 #include <string>
-#include <sys/stat.h>
 #include <thread>
 
 #include "Command.h"
-#include "Common/FFmpegPtr.h"
 #include "Decoder/FFmpegDecoder.h"
-#include "Decoder/MediaCodecVideoDecoder.h"
-#include "Source/FFmpegMediaExtractor.h"
+#include "Player/KavraMediaDecoder.h"
 #include "ToolSupport.h"
 
 namespace {
@@ -38,24 +38,30 @@ public:
     }
     long frames() const { return mFrames; }
     bool ended() const { return mEnded; }
+    int lastPtsMs() const { return mLastPtsMs; }
 
 private:
     void run() {
         while (!mStop) {
             int index = mQueue->dequeueOutputBufferIndex(100);
             if (index == -3) {
+                // Not made yet (the codec decoder makes its slots on its own
+                // thread), or stopped.
                 std::this_thread::sleep_for(std::chrono::milliseconds(5));
                 continue;
             }
             if (index < 0) {
                 continue;
             }
-            bool end = mQueue->getBuffer(index)->size == 0;
+            const FrameBuffer* buffer = mQueue->getBuffer(index);
+            bool end = buffer->size == 0;
+            int ptsMs = buffer->ptsMs;
             mQueue->releaseOutputBuffer();
             if (end) {
                 mEnded = true;
                 return;
             }
+            mLastPtsMs = ptsMs;
             mFrames += 1;
         }
     }
@@ -65,37 +71,30 @@ private:
     std::atomic<bool> mStop{false};
     std::atomic<bool> mEnded{false};
     std::atomic<long> mFrames{0};
+    std::atomic<int> mLastPtsMs{0};
 };
 
-// One decoded stream: its decoder, consumer and what was fed.
-struct Lane {
-    int index = -1;
-    std::unique_ptr<Decoder> decoder;
-    std::unique_ptr<Consumer> consumer;
-    long packets = 0;
-    bool refused = false;
-};
+// The player's pipeline with the video decoder the user chose: "ffmpeg"
+// forces the software decoder, otherwise H.264 goes to the codec decoder as
+// in the player.
+class ChosenMediaDecoder : public KavraMediaDecoder {
+public:
+    explicit ChosenMediaDecoder(bool software) : mSoftware(software) {}
 
-// Hands a packet (null: the end of the stream) over, retrying while the
-// decoder's input queue is full.
-bool feed(Lane& lane, AVPacket* pkt) {
-    for (;;) {
-        int ret = lane.decoder->queueInputBuffer(pkt, 5);
-        if (ret == 0) {
-            return true;
+protected:
+    std::unique_ptr<Decoder> newVideoDecoder(const char* codecName) override {
+        if (mSoftware) {
+            return std::unique_ptr<Decoder>(new FFmpegDecoder());
         }
-        if (ret != -2) {
-            if (pkt != nullptr) {
-                av_packet_unref(pkt);
-            }
-            return false;
-        }
+        return KavraMediaDecoder::newVideoDecoder(codecName);
     }
-}
 
-std::string streamText(const char* kind, int index, const AVStream* st) {
-    return std::string(kind) + " stream #" + std::to_string(index) + " (" + avcodec_get_name(st->codecpar->codec_id) +
-           ")";
+private:
+    bool mSoftware;
+};
+
+std::string streamText(const char* kind, int index, const std::string& codecName) {
+    return std::string(kind) + " stream #" + std::to_string(index) + " (" + codecName + ")";
 }
 
 int runDecode(const std::vector<std::string>& args) {
@@ -112,106 +111,89 @@ int runDecode(const std::vector<std::string>& args) {
         return tool::fail("decode", "--video-decoder must be auto, ffmpeg or codec");
     }
     const std::string& path = a.positional[0];
-    FFmpegMediaExtractor extractor;
-    if (!tool::openMedia(path, &extractor)) {
-        return 1;
+    struct stat st;
+    if (stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+        return tool::fail(path, "is a directory");
     }
 
-    Lane video;
-    Lane audio;
-    video.index = extractor.mMediaInfo.bestVideoStreamIndex;
-    audio.index = extractor.mMediaInfo.bestAudioStreamIndex;
-    if (video.index < 0 && audio.index < 0) {
+    // The whole pipeline, as the player runs it: the demux thread feeding
+    // the decoders' threads through their queues, back-pressure and end of
+    // stream included; this command only stands in for the renderers.
+    ChosenMediaDecoder pipeline(choice == "ffmpeg");
+    int ret = pipeline.setDataSource(path.c_str());
+    if (ret < 0) {
+        return tool::fail(path, tool::ffmpegError(ret));
+    }
+    ret = pipeline.prepare();
+    if (ret < 0) {
+        return tool::fail(path, "no stream information: " + tool::ffmpegError(ret));
+    }
+    const MediaInfo info = pipeline.getMediaInfo();
+    const int videoIndex = pipeline.getCurrentVideoStreamIndex();
+    const int audioIndex = pipeline.getCurrentAudioStreamIndex();
+    if (videoIndex < 0 && audioIndex < 0) {
         return tool::fail(path, "no video or audio stream");
     }
+    // Copied: the stream records go with the pipeline's release.
+    auto codecOf = [&](int index) -> std::string {
+        const char* name = index >= 0 && index < info.streamNum && info.streamInfos != nullptr
+                               ? info.streamInfos[index].coderName
+                               : nullptr;
+        return name != nullptr ? name : "?";
+    };
+    const std::string videoCodec = codecOf(videoIndex);
+    const std::string audioCodec = codecOf(audioIndex);
     std::string videoDecoderName = "none";
-    if (video.index >= 0) {
-        AVStream* vs = extractor.getStream(video.index);
-        bool h264 = vs->codecpar->codec_id == AV_CODEC_ID_H264;
+    if (videoIndex >= 0) {
+        // The pipeline's own rule: the codec decoder for "h264" only.
+        bool h264 = videoCodec == "h264";
         if (choice == "codec" && !h264) {
-            return tool::fail(path, "the codec decoder takes only h264 video, not " +
-                                        std::string(avcodec_get_name(vs->codecpar->codec_id)));
+            return tool::fail(path, "the codec decoder takes only h264 video, not " + videoCodec);
         }
-        // As the player does: H.264 goes to the media codec.
-        bool useCodec = choice == "codec" || (choice == "auto" && h264);
-        videoDecoderName = useCodec ? "codec" : "ffmpeg";
-        video.decoder.reset(useCodec ? static_cast<Decoder*>(new MediaCodecVideoDecoder())
-                                     : static_cast<Decoder*>(new FFmpegDecoder()));
-        if (video.decoder->create(vs) != 0) {
-            return tool::fail(path, "cannot decode " + streamText("video", video.index, vs));
+        videoDecoderName = h264 && choice != "ffmpeg" ? "codec" : "ffmpeg";
+        if (pipeline.selectVideoStream(videoIndex) != 0) {
+            return tool::fail(path, "cannot decode " + streamText("video", videoIndex, videoCodec));
         }
     }
-    if (audio.index >= 0) {
-        AVStream* as = extractor.getStream(audio.index);
-        audio.decoder.reset(new FFmpegDecoder());
-        if (audio.decoder->create(as) != 0) {
-            return tool::fail(path, "cannot decode " + streamText("audio", audio.index, as));
-        }
+    if (audioIndex >= 0 && pipeline.selectAudioStream(audioIndex) != 0) {
+        return tool::fail(path, "cannot decode " + streamText("audio", audioIndex, audioCodec));
     }
 
-    Lane* lanes[2] = {&video, &audio};
+    std::unique_ptr<Consumer> video;
+    std::unique_ptr<Consumer> audio;
+    if (videoIndex >= 0) {
+        video.reset(new Consumer(pipeline.getVideoOutputQueue()));
+        video->start();
+    }
+    if (audioIndex >= 0) {
+        audio.reset(new Consumer(pipeline.getAudioOutputQueue()));
+        audio->start();
+    }
     auto startTime = Clock::now();
-    for (Lane* lane : lanes) {
-        if (lane->decoder == nullptr) {
-            continue;
-        }
-        lane->consumer.reset(new Consumer(lane->decoder->getOutputQueue()));
-        lane->consumer->start();
-        if (lane->decoder->start() != 0) {
-            return tool::fail(path, "cannot start the decoder of stream #" + std::to_string(lane->index));
-        }
-    }
+    pipeline.start();
 
-    struct stat st;
-    long long fileSize = stat(path.c_str(), &st) == 0 ? st.st_size : 0;
-    tool::Progress progress("decode");
-    kavra::ScopedAVPacket pkt = kavra::makeScopedAVPacket();
-    // A read that keeps failing without reaching the end is given up.
-    int emptyReads = 0;
-    while (extractor.readFrame(pkt.get()) == 0) {
-        if (pkt->size == 0) {
-            av_packet_unref(pkt.get());
-            if (++emptyReads > 1000) {
-                break;
-            }
-            continue;
-        }
-        emptyReads = 0;
-        if (fileSize > 0 && pkt->pos >= 0) {
-            progress.update(static_cast<int>(pkt->pos * 100 / fileSize));
-        }
-        Lane* lane = pkt->stream_index == video.index ? &video : pkt->stream_index == audio.index ? &audio : nullptr;
-        if (lane == nullptr || lane->decoder == nullptr || lane->refused) {
-            av_packet_unref(pkt.get());
-            continue;
-        }
-        lane->packets += 1;
-        if (!feed(*lane, pkt.get())) {
-            lane->refused = true;
-        }
-    }
-    for (Lane* lane : lanes) {
-        if (lane->decoder != nullptr && !lane->refused) {
-            feed(*lane, nullptr);
-        }
-    }
-
-    // Wait for every end-of-stream record, giving up on a decoder that
+    // Wait for every end-of-stream record, giving up on a pipeline that
     // stops making progress.
+    tool::Progress progress("decode");
+    Consumer* paced = video ? video.get() : audio.get();
     bool stalled = false;
     long lastTotal = -1;
     auto lastProgress = Clock::now();
     for (;;) {
         bool allEnded = true;
         long total = 0;
-        for (Lane* lane : lanes) {
-            if (lane->consumer != nullptr) {
-                allEnded = allEnded && lane->consumer->ended();
-                total += lane->consumer->frames();
+        for (Consumer* consumer : {video.get(), audio.get()}) {
+            if (consumer != nullptr) {
+                allEnded = allEnded && consumer->ended();
+                total += consumer->frames();
             }
         }
         if (allEnded) {
             break;
+        }
+        if (info.duration > 0) {
+            long long percent = static_cast<long long>(paced->lastPtsMs()) * 100 / info.duration;
+            progress.update(static_cast<int>(std::max(0LL, std::min(100LL, percent))));
         }
         if (total != lastTotal) {
             lastTotal = total;
@@ -224,25 +206,29 @@ int runDecode(const std::vector<std::string>& args) {
     }
     double seconds = std::chrono::duration<double>(Clock::now() - startTime).count();
     progress.finish();
-    for (Lane* lane : lanes) {
-        if (lane->decoder != nullptr) {
-            lane->decoder->stop();
-            lane->consumer->finish();
-            lane->decoder->release();
+    pipeline.stop();
+    for (Consumer* consumer : {video.get(), audio.get()}) {
+        if (consumer != nullptr) {
+            consumer->finish();
         }
     }
+    const bool damaged = pipeline.isInputDamaged();
+    pipeline.release();
     if (stalled) {
         return tool::fail(path, "decoding stalled");
     }
-    for (Lane* lane : lanes) {
-        if (lane->decoder != nullptr && lane->packets > 0 && lane->consumer->frames() == 0) {
-            const char* kind = lane == &video ? "video" : "audio";
-            return tool::fail(path, "no frame decoded from " + streamText(kind, lane->index, extractor.getStream(lane->index)));
-        }
+    if (damaged) {
+        return tool::failDamaged(path);
+    }
+    if (video && video->frames() == 0) {
+        return tool::fail(path, "no frame decoded from " + streamText("video", videoIndex, videoCodec));
+    }
+    if (audio && audio->frames() == 0) {
+        return tool::fail(path, "no frame decoded from " + streamText("audio", audioIndex, audioCodec));
     }
 
-    long videoFrames = video.consumer != nullptr ? video.consumer->frames() : 0;
-    long audioFrames = audio.consumer != nullptr ? audio.consumer->frames() : 0;
+    long videoFrames = video ? video->frames() : 0;
+    long audioFrames = audio ? audio->frames() : 0;
     double fps = seconds > 0 ? videoFrames / seconds : 0.0;
     if (a.has("--json")) {
         tool::Json j;
@@ -256,12 +242,12 @@ int runDecode(const std::vector<std::string>& args) {
         printf("%s\n", j.str().c_str());
     } else {
         printf("%s\n", path.c_str());
-        if (video.decoder != nullptr) {
-            printf("  video #%d: %ld frames (%s decoder), %.1f frames/s\n", video.index, videoFrames,
+        if (video) {
+            printf("  video #%d: %ld frames (%s decoder), %.1f frames/s\n", videoIndex, videoFrames,
                    videoDecoderName.c_str(), fps);
         }
-        if (audio.decoder != nullptr) {
-            printf("  audio #%d: %ld frames\n", audio.index, audioFrames);
+        if (audio) {
+            printf("  audio #%d: %ld frames\n", audioIndex, audioFrames);
         }
         printf("  time: %.3f s\n", seconds);
     }

@@ -2,6 +2,7 @@
 // time (the last frame past the end), full size, as a JPEG picture.
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <string>
 #include <vector>
@@ -40,6 +41,12 @@ int runSnapshot(const std::vector<std::string>& args) {
     }
     if (item.snapShot(output.c_str(), static_cast<long>(at)) != 0) {
         return tool::fail(path, "no frame could be decoded at " + std::to_string(at) + " ms");
+    }
+    // Reading stopped at damage: the picture written may not be the one
+    // at that time, so none is left behind.
+    if (item.isInputDamaged()) {
+        unlink(output.c_str());
+        return tool::failDamaged(path);
     }
     // The engine does not report a file it could not write; look.
     struct stat st;

@@ -116,6 +116,10 @@ int runThumbs(const std::vector<std::string>& args) {
         }
         ptsMs = sink.ptsMs();
     }
+    // A strip cut short by damage is not the strip that was asked for.
+    if (item.isInputDamaged()) {
+        return tool::failDamaged(path);
+    }
     for (int pts : ptsMs) {
         delivered += pts >= 0 ? 1 : 0;
     }

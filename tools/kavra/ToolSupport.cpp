@@ -50,6 +50,10 @@ int fail(const std::string& what, const std::string& reason) {
     return 1;
 }
 
+int failDamaged(const std::string& path) {
+    return fail(path, "the file is damaged: reading stopped before its end");
+}
+
 bool checkInput(const std::string& path, std::string* error) {
     struct stat st;
     if (stat(path.c_str(), &st) != 0) {

@@ -22,6 +22,10 @@ int fail(const std::string& what, const std::string& reason);
 // False with a one-line reason in `error`.
 bool checkInput(const std::string& path, std::string* error);
 
+// The one-line answer (exit status 1) for a file whose reading stopped at
+// damage before its end: what was made from it would be incomplete.
+int failDamaged(const std::string& path);
+
 // Opens and probes a media file with the engine's extractor. On failure
 // prints the one-line error naming the file and returns false.
 bool openMedia(const std::string& path, FFmpegMediaExtractor* extractor);

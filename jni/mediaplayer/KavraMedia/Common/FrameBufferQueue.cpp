@@ -33,6 +33,9 @@ FrameBufferQueue::~FrameBufferQueue() {
 
 int FrameBufferQueue::create(int capacityArg) {
     NativeMutexLock lock(stateMutex);
+    // A create replaces the ring whatever its outcome: the old slots go
+    // first, freed with the capacity and type they were made with.
+    releaseLocked();
     capacity = capacityArg;
     if (capacity < 1) {
         __android_log_print(ANDROID_LOG_ERROR, kTag, "Capacity:%d is invalid.", capacity);
@@ -43,6 +46,7 @@ int FrameBufferQueue::create(int capacityArg) {
 
 int FrameBufferQueue::create(int capacityArg, int dataSizeArg) {
     NativeMutexLock lock(stateMutex);
+    releaseLocked();
     capacity = capacityArg;
     dataSize = dataSizeArg;
     if (capacity < 1 || dataSize < 0) {
@@ -54,6 +58,7 @@ int FrameBufferQueue::create(int capacityArg, int dataSizeArg) {
 
 int FrameBufferQueue::create(int capacityArg, int formatArg, int widthArg, int heightArg) {
     NativeMutexLock lock(stateMutex);
+    releaseLocked();
     capacity = capacityArg;
     format = formatArg;
     width = widthArg;
@@ -71,9 +76,6 @@ int FrameBufferQueue::create(int capacityArg, int formatArg, int widthArg, int h
 
 int FrameBufferQueue::createLocked(int type) {
     bufferType = type;
-    // A queue created again (a new output format) frees its old slots
-    // first rather than leaking them.
-    releaseLocked();
     readIndex = 0;
     writeIndex = 0;
     size = 0;
@@ -353,7 +355,9 @@ void FrameBufferQueue::releaseLocked() {
     if (!created) {
         return;
     }
-    for (int i = 0; i < capacity; ++i) {
+    // `capacity` and `bufferType` still describe these slots: every create
+    // releases the old ring before it stores its own arguments.
+    for (int i = 0; buffers != nullptr && i < capacity; ++i) {
         FrameBuffer* slot = buffers[i];
         if (slot == nullptr) {
             __android_log_print(ANDROID_LOG_ERROR, kTag, "freeFrameBuffer->p is NULL.");

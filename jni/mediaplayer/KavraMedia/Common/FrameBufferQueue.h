@@ -23,6 +23,8 @@ public:
     FrameBufferQueue(const FrameBufferQueue&) = delete;
     FrameBufferQueue& operator=(const FrameBufferQueue&) = delete;
 
+    // Each create frees the slots of an earlier one first, even when its own
+    // arguments are refused (the queue is then not created).
     // Type 1 slots (AVFrames).
     int create(int capacity);
     // Type 3 slots of dataSize bytes.

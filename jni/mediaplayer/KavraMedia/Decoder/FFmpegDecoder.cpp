@@ -2,8 +2,11 @@
 
 #include <android/log.h>
 
+#include <cstdint>
+
 extern "C" {
 #include <libavutil/imgutils.h>
+#include <libavutil/mathematics.h>
 #include <libavutil/samplefmt.h>
 }
 
@@ -13,7 +16,7 @@ namespace {
 const char* const kTag = "FFmpegDecoder";
 }
 
-FFmpegDecoder::FFmpegDecoder() : mFrameCount(0), mMediaType(-1) {}
+FFmpegDecoder::FFmpegDecoder() : mFrameCount(0), mMediaType(-1), mNextPts(AV_NOPTS_VALUE) {}
 
 FFmpegDecoder::~FFmpegDecoder() {
     stop();
@@ -23,6 +26,12 @@ FFmpegDecoder::~FFmpegDecoder() {
 int FFmpegDecoder::create(AVStream* pInStream) { return create(pInStream, 10, 0); }
 
 int FFmpegDecoder::create(AVStream* pInStream, int withOutputQueue, int /*extra*/) {
+    // The decoding thread uses the codec context and the output slots that a
+    // new create would free; stop() first.
+    if (mThread.joinable()) {
+        __android_log_print(ANDROID_LOG_ERROR, kTag, "create->decoder is running");
+        return -1;
+    }
     mStream = pInStream;
     if (pInStream == nullptr) {
         __android_log_print(ANDROID_LOG_ERROR, kTag, "create->pInStream is null.");
@@ -50,6 +59,7 @@ int FFmpegDecoder::create(AVStream* pInStream, int withOutputQueue, int /*extra*
         return ret;
     }
     mMediaType = mCodecContext->codec_type;
+    mNextPts = AV_NOPTS_VALUE;
     if (mFrame == nullptr) {
         mFrame = kavra::makeScopedAVFrame();
         if (mFrame == nullptr) {
@@ -117,6 +127,7 @@ void FFmpegDecoder::resetCounters() {
 }
 
 void FFmpegDecoder::flushCodec() {
+    mNextPts = AV_NOPTS_VALUE;
     if (mCodecContext != nullptr) {
         avcodec_flush_buffers(mCodecContext.get());
     }
@@ -179,6 +190,8 @@ void FFmpegDecoder::drain() {
         }
         avcodec_flush_buffers(ctx);
     }
+    // Fed again after its end, the stream starts over.
+    mNextPts = AV_NOPTS_VALUE;
     mFrameBuffer.durationMs = 0;
     mFrameBuffer.ptsMs = 0;
     mFrameBuffer.size = 0;
@@ -221,6 +234,37 @@ int FFmpegDecoder::decodePacket(AVPacket* pkt) {
     return pkt != nullptr ? pkt->size : 0;
 }
 
+int64_t FFmpegDecoder::frameTicks(const AVFrame* frame) {
+    // A frame without a time (raw elementary streams carry none) is placed
+    // right after the frame before it: that frame's time plus its duration.
+    // Frames leave the codec in presentation order, so this continues the
+    // stream's own timeline instead of handing out the no-time value, which
+    // would read as a time from before the start. The first such frame of a
+    // stream, or after a flush, starts at the stream's start time (0 when
+    // unknown). Sums are kept in ticks so that rounding does not add up.
+    int64_t pts = frame->best_effort_timestamp;
+    if (pts == AV_NOPTS_VALUE) {
+        pts = mNextPts;
+        if (pts == AV_NOPTS_VALUE) {
+            pts = mStream != nullptr && mStream->start_time != AV_NOPTS_VALUE ? mStream->start_time : 0;
+        }
+    }
+    AVRational timeBase = mStream != nullptr ? mStream->time_base : mCodecContext->pkt_timebase;
+    int64_t duration = frame->pkt_duration;
+    if (duration <= 0 && timeBase.num > 0 && timeBase.den > 0) {
+        // No duration either: one frame interval at the stream's frame
+        // rate, or the samples' length for audio.
+        if (frame->nb_samples > 0 && frame->sample_rate > 0) {
+            duration = av_rescale_q(frame->nb_samples, AVRational{1, frame->sample_rate}, timeBase);
+        } else if (mStream != nullptr && mStream->avg_frame_rate.num > 0 && mStream->avg_frame_rate.den > 0) {
+            duration = av_rescale_q(1, av_inv_q(mStream->avg_frame_rate), timeBase);
+        }
+    }
+    // Damaged streams may carry times near the limit; the sum saturates.
+    mNextPts = duration > 0 && pts <= INT64_MAX - duration ? pts + duration : pts;
+    return pts;
+}
+
 void FFmpegDecoder::queueFrame() {
     AVCodecContext* ctx = mCodecContext.get();
     AVFrame* frame = mFrame.get();
@@ -247,7 +291,7 @@ void FFmpegDecoder::queueFrame() {
         fb.size = 1;
     }
     AVRational timeBase = mStream != nullptr ? mStream->time_base : ctx->pkt_timebase;
-    fb.ptsMs = MediaTime::ticksToMs(frame->best_effort_timestamp, timeBase);
+    fb.ptsMs = MediaTime::ticksToMs(frameTicks(frame), timeBase);
     fb.durationMs = MediaTime::ticksToMs(frame->pkt_duration, timeBase);
     mFrameCount += 1;
     // The frame's reference moves into the slot; if the queue refuses it

@@ -55,9 +55,16 @@ private:
     void drain();
     void queueFrame();
     void resetCounters();
+    // The frame's time in stream ticks; see queueFrame() for frames that
+    // carry none.
+    int64_t frameTicks(const AVFrame* frame);
 
     std::atomic<int> mFrameCount;
     kavra::ScopedAVFrame mFrame;
     kavra::ScopedAVCodecContext mCodecContext;
     std::atomic<int> mMediaType;
+    // Where the next frame without a time goes: the last frame's time plus
+    // its duration, in stream ticks. AV_NOPTS_VALUE at the start of the
+    // stream and after a flush. Decoding thread only.
+    int64_t mNextPts;
 };

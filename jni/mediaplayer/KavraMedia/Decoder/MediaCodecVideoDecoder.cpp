@@ -7,6 +7,8 @@
 
 extern "C" {
 #include <libavutil/imgutils.h>
+#include <libavutil/mathematics.h>
+#include <libavutil/time.h>
 }
 
 #include "Common/MediaTime.h"
@@ -24,7 +26,7 @@ MediaCodecVideoDecoder::MediaCodecVideoDecoder()
 
 MediaCodecVideoDecoder::MediaCodecVideoDecoder(CodecFactory factory)
     : mFactory(std::move(factory)), mDataSize(0), mOutWidth(0), mOutHeight(0), mOutStride(0), mOutSliceHeight(0),
-      mOutColor(0), mPacketDuration(0) {}
+      mOutColor(0), mPacketDuration(0), mOutputCount(0), mUntimedInputs(0), mNextPts(AV_NOPTS_VALUE) {}
 
 MediaCodecVideoDecoder::~MediaCodecVideoDecoder() {
     stop();
@@ -136,6 +138,8 @@ int MediaCodecVideoDecoder::create(AVStream* pInStream, int /*withOutputQueue*/,
     mOutWidth = 0;
     mOutHeight = 0;
     mPacketDuration = 0;
+    mUntimedInputs = 0;
+    mNextPts = AV_NOPTS_VALUE;
     return 0;
 }
 
@@ -182,6 +186,8 @@ int MediaCodecVideoDecoder::release() {
 }
 
 void MediaCodecVideoDecoder::flushCodec() {
+    mUntimedInputs = 0;
+    mNextPts = AV_NOPTS_VALUE;
     if (mCodec != nullptr) {
         mCodec->flush();
     }
@@ -251,8 +257,21 @@ void MediaCodecVideoDecoder::drainAtEndOfStream() {
         }
         onDecodeInner();
     }
+    // Every output buffer restarts the wait for the end; a codec that
+    // stays silent too long is taken to have ended.
+    uint64_t seen = mOutputCount;
+    int64_t silentSinceUs = av_gettime_relative();
     while (queued && !interrupted()) {
         if (onDecodeInner() == 4) {
+            break;
+        }
+        int64_t nowUs = av_gettime_relative();
+        if (mOutputCount != seen) {
+            seen = mOutputCount;
+            silentSinceUs = nowUs;
+        } else if (nowUs - silentSinceUs >= static_cast<int64_t>(kEndOfStreamWaitMs) * 1000) {
+            __android_log_print(ANDROID_LOG_WARN, kTag, "no end of stream from the codec after %d ms, stream ended",
+                                kEndOfStreamWaitMs);
             break;
         }
     }
@@ -294,6 +313,9 @@ int MediaCodecVideoDecoder::queueIntoDecoder(AVPacket* pkt) {
     int64_t pts = pkt->pts;
     if (pts == AV_NOPTS_VALUE) {
         pts = pkt->dts != AV_NOPTS_VALUE ? pkt->dts : 0;
+        if (pkt->dts == AV_NOPTS_VALUE) {
+            mUntimedInputs += 1;
+        }
     }
     uint32_t flags = (pkt->flags & AV_PKT_FLAG_KEY) ? MediaCodec::BUFFER_FLAG_KEY_FRAME : 0;
     // The filter takes the packet's payload; one packet in may give any
@@ -338,6 +360,7 @@ int MediaCodecVideoDecoder::onDecodeInner() {
     memset(&info, 0, sizeof(info));
     ssize_t index = mCodec->dequeueOutputBuffer(&info, kCodecTimeoutUs);
     if (index >= 0) {
+        mOutputCount += 1;
         size_t slot = static_cast<size_t>(index);
         if (info.size > 0) {
             size_t capacity = 0;
@@ -414,6 +437,31 @@ bool MediaCodecVideoDecoder::ensureOutputQueue(int width, int height) {
     return mOutputQueue.create(kOutputSlots, AV_PIX_FMT_YUV420P, width, height) == 0;
 }
 
+int64_t MediaCodecVideoDecoder::pictureTicks(int64_t codecTicks) {
+    // A packet without a time went in at time 0, and its picture comes out
+    // at 0. Such a picture is placed right after the picture before it: that
+    // picture's time plus its duration. Pictures leave the codec in
+    // presentation order, so this continues the stream's own timeline
+    // instead of stacking every picture at 0. The first one of a stream, or
+    // after a flush, starts at the stream's start time (0 when unknown).
+    int64_t pts = codecTicks;
+    if (pts == 0 && mUntimedInputs > 0) {
+        mUntimedInputs -= 1;
+        pts = mNextPts;
+        if (pts == AV_NOPTS_VALUE) {
+            pts = mStream->start_time != AV_NOPTS_VALUE ? mStream->start_time : 0;
+        }
+    }
+    int64_t duration = mPacketDuration;
+    AVRational rate = mStream->avg_frame_rate;
+    if (duration <= 0 && rate.num > 0 && rate.den > 0) {
+        duration = av_rescale_q(1, av_inv_q(rate), mStream->time_base);
+    }
+    // Damaged streams may carry times near the limit; the sum saturates.
+    mNextPts = duration > 0 && pts <= INT64_MAX - duration ? pts + duration : pts;
+    return pts;
+}
+
 void MediaCodecVideoDecoder::deliverPicture(uint8_t* data, size_t capacity, const MediaCodecBufferInfo& info) {
     if (mOutColor != MediaCodec::COLOR_FormatYUV420Planar || mOutWidth < 1 || mOutHeight < 1) {
         __android_log_print(ANDROID_LOG_ERROR, kTag, "unsupported output format:%d %dx%d", mOutColor, mOutWidth,
@@ -447,7 +495,7 @@ void MediaCodecVideoDecoder::deliverPicture(uint8_t* data, size_t capacity, cons
     fb.type = FRAME_BUFFER_PICTURE;
     fb.data = mFrame.get();
     fb.size = mDataSize;
-    fb.ptsMs = MediaTime::ticksToMs(info.presentationTimeUs, timeBase);
+    fb.ptsMs = MediaTime::ticksToMs(pictureTicks(static_cast<int64_t>(info.presentationTimeUs)), timeBase);
     fb.format = AV_PIX_FMT_YUV420P;
     fb.width = mOutWidth;
     fb.height = mOutHeight;

@@ -25,6 +25,12 @@ public:
     using CodecFactory = std::function<std::unique_ptr<MediaCodec>(const char* mimeType)>;
     // How long one wait for a codec buffer may take.
     static constexpr int64_t kCodecTimeoutUs = 8000;
+    // After the end of the input, how long the codec may go without giving
+    // any output before the stream is ended without its end-of-stream
+    // buffer. A codec that has all its input returns its last pictures
+    // within a few frame intervals; one that stays silent this long never
+    // will.
+    static constexpr int kEndOfStreamWaitMs = 2000;
 
     // Uses the platform's codec.
     MediaCodecVideoDecoder();
@@ -55,10 +61,13 @@ private:
     // into a codec input buffer; -1 when no input buffer was free in time.
     int queueIntoDecoder(AVPacket* pkt);
     // One poll of the codec's output: 4 when the end of the stream came out,
-    // 0 otherwise.
+    // 0 otherwise. Every output buffer taken counts in mOutputCount.
     int onDecodeInner();
     int resetOutPutFormatIfChanged(MediaFormat* format);
     void deliverPicture(uint8_t* data, size_t capacity, const MediaCodecBufferInfo& info);
+    // The picture's time in stream ticks from the codec's; see the
+    // definition for pictures of packets that had none.
+    int64_t pictureTicks(int64_t codecTicks);
     // Makes the output slots match the announced picture size. Slots in use
     // are never freed under the consumer: a size change waits until the
     // consumer has given every slot back. False when stop or flush
@@ -81,4 +90,13 @@ private:
     // Duration of the packet being decoded; at the end of the stream, of the
     // last packet.
     int64_t mPacketDuration;
+    // Output buffers taken from the codec (decoding thread only).
+    uint64_t mOutputCount;
+    // Packets without any time went into the codec at time 0 and their
+    // pictures come out at time 0; this many of them have not come out yet.
+    int mUntimedInputs;
+    // Where the next picture without a time goes: the last picture's time
+    // plus its duration, in stream ticks; AV_NOPTS_VALUE at the start and
+    // after a flush.
+    int64_t mNextPts;
 };

@@ -26,6 +26,7 @@ KavraMediaDecoder::KavraMediaDecoder()
       mStopRequest(false),
       mMuxEnd(false),
       mSeekTime(-1),
+      mSeekSerial(0),
       mSeekCount(0),
       mInterrupted(false) {}
 
@@ -154,15 +155,19 @@ void KavraMediaDecoder::seekTo(int ms) {
         return;
     }
     NativeMutexLock lock(mLock);
+    const uint32_t serial = ++mSeekSerial;
     mSeekTime = ms;
     // Wakes a parked demux thread. Every waiter re-checks its own condition,
     // so waking all cannot lose a hand-over between several callers.
     mCond.notifyAll();
-    while (mSeekTime != -1 && !mStopRequest) {
+    // mLock is free while the demux thread flushes and repositions, so each
+    // wait ends within its 500 ms whatever the decoders do.
+    while (mSeekTime != -1 && mSeekSerial == serial && !mStopRequest) {
         bool woken = mCond.wait(mLock, kSeekWaitMs);
-        // The seek may have been carried out while this wait took the lock
-        // back; only a seek still pending has timed out.
-        if (!woken && mSeekTime != -1 && !mStopRequest) {
+        // The seek may have been carried out, or replaced by a later
+        // request, while this wait took the lock back; only this request,
+        // still pending, has timed out.
+        if (!woken && mSeekTime != -1 && mSeekSerial == serial && !mStopRequest) {
             __android_log_print(ANDROID_LOG_WARN, kTag, "seek time out.");
             mSeekTime = -1;
             interruptExtractor();
@@ -176,6 +181,16 @@ int KavraMediaDecoder::stop() {
     {
         NativeMutexLock lock(mLock);
         mCond.notifyAll();
+    }
+    // A demux thread inside a seek's flush waits for the decoding threads;
+    // marking the decoders stopped ends that wait, so the join below does
+    // not depend on a consumer giving its frame back. Only this (the
+    // control) thread replaces the decoders, so their pointers are read
+    // here without mDecoderLock, which that flush holds.
+    for (Decoder* decoder : {mVideoDecoder.get(), mAudioDecoder.get()}) {
+        if (decoder != nullptr) {
+            decoder->updateStatus(DECODER_STATUS_STOPPED);
+        }
     }
     if (mThreadStarted) {
         mThreadStarted = false;
@@ -244,6 +259,8 @@ FrameBufferQueue* KavraMediaDecoder::getAudioOutputQueue() {
     return mAudioDecoder ? mAudioDecoder->getOutputQueue() : nullptr;
 }
 
+bool KavraMediaDecoder::isInputDamaged() { return mExtractor && mExtractor->isDamaged(); }
+
 MediaInfo KavraMediaDecoder::getMediaInfo() {
     if (!mExtractor) {
         return MediaInfo();
@@ -305,14 +322,22 @@ int KavraMediaDecoder::queueToDecoder(AVPacket* pkt, int streamIndex) {
 }
 
 void KavraMediaDecoder::performSeek() {
-    NativeMutexLock lock(mLock);
-    int target = mSeekTime;
-    if (target == -1) {
-        // The requester gave up meanwhile.
-        return;
+    int target;
+    uint32_t serial;
+    {
+        NativeMutexLock lock(mLock);
+        target = mSeekTime;
+        serial = mSeekSerial;
+        if (target == -1) {
+            // The requester gave up meanwhile.
+            return;
+        }
     }
     __android_log_print(ANDROID_LOG_ERROR, kTag, "seekStart");
     {
+        // A flush waits for each decoding thread to empty its queues, which
+        // lasts as long as a consumer holds a dequeued frame. It ends when
+        // the frame is given back or the decoder is stopped.
         NativeMutexLock decoders(mDecoderLock);
         if (mVideoDecoder) {
             mVideoDecoder->flush();
@@ -322,10 +347,18 @@ void KavraMediaDecoder::performSeek() {
         }
     }
     mExtractor->seekFrame(target, -1, AVSEEK_FLAG_BACKWARD);
-    mSeekTime = -1;
-    mSeekCount += 1;
-    mCond.notifyAll();
-    __android_log_print(ANDROID_LOG_ERROR, kTag, "seekEnd");
+    {
+        NativeMutexLock lock(mLock);
+        // A request that came in meanwhile stays pending and is carried out
+        // next; one that timed out has already been cleared.
+        if (mSeekSerial == serial) {
+            mSeekTime = -1;
+        }
+        mSeekCount += 1;
+        // Logged before the requester is released, as the seek's last step.
+        __android_log_print(ANDROID_LOG_ERROR, kTag, "seekEnd");
+        mCond.notifyAll();
+    }
 }
 
 void KavraMediaDecoder::park() {

@@ -54,7 +54,9 @@ public:
     int start();
     // Hands a seek to the demux thread and waits for it (500 ms per wait);
     // when a wait runs out, gives the seek up and interrupts the extractor
-    // for good. -1 returns at once.
+    // for good. Returns within about 500 ms even when the demux thread is
+    // stuck in a decoder flush. A later request replaces one still pending.
+    // -1 returns at once.
     void seekTo(int ms);
     // Stops and joins the demux thread, then stops the decoders. Returns 0
     // promptly even with full queues.
@@ -69,6 +71,8 @@ public:
     Decoder* getAudioDecoder();
     FrameBufferQueue* getVideoOutputQueue();
     FrameBufferQueue* getAudioOutputQueue();
+    // Reading stopped at damage in the file rather than at its end.
+    bool isInputDamaged();
     // A copy that shares the extractor's stream records.
     MediaInfo getMediaInfo();
     int getCurrentVideoStreamIndex() const { return mVideoStreamIndex.load(); }
@@ -95,7 +99,10 @@ private:
     void onMuxPacket();
     // Waits under mLock until a seek or stop is requested.
     void park();
-    // Carries out a pending seek on the demux thread.
+    // Carries out a pending seek on the demux thread. The flushes and the
+    // reposition run without mLock, so that a requester's timed wait can
+    // always run out; the request's serial tells whether the seek finished
+    // is still the one asked for.
     void performSeek();
     // After a read that gave nothing (a transient error): a short wait that
     // a seek or stop cuts short, then a pending seek.
@@ -121,6 +128,10 @@ private:
     std::atomic<bool> mStopRequest;
     std::atomic<bool> mMuxEnd;
     std::atomic<int> mSeekTime;
+    // Numbers the seek requests; changed under mLock. A seek finished on
+    // the demux thread completes the request only if no other request (or
+    // a time-out) came in meanwhile.
+    uint32_t mSeekSerial;
     // Counts seeks carried out, so an end-of-stream hand-over that a seek
     // cut short can be told from a decoder that refused it.
     std::atomic<uint32_t> mSeekCount;

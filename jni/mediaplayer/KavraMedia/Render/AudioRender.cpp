@@ -1,10 +1,12 @@
 #include "Render/AudioRender.h"
 
+#include <cstdint>
 #include <utility>
 
 extern "C" {
 #include <libavutil/frame.h>
 #include <libavutil/samplefmt.h>
+#include <libavutil/time.h>
 }
 
 #include "Render/JniPcmSink.h"
@@ -30,9 +32,22 @@ int AudioRender::setPcmSink(std::unique_ptr<PcmSink> sink) {
 
 int AudioRender::renderFrame(FrameBuffer* frame, int delayMs) {
     NativeMutexLock lock(mLock);
-    if (delayMs >= 1) {
-        mCondition.wait(mLock, delayMs);
+    if (delayMs >= 1 && mPendingCount == 0) {
+        // Until the delay has passed or a flush came; the deadline is checked
+        // again after every wake-up.
+        const int64_t dueUs = av_gettime_relative() + static_cast<int64_t>(delayMs) * 1000;
+        for (;;) {
+            int64_t leftUs = dueUs - av_gettime_relative();
+            if (leftUs <= 0) {
+                break;
+            }
+            mCondition.wait(mLock, static_cast<long>((leftUs + 999) / 1000));
+            if (mPendingCount > 0) {
+                break;
+            }
+        }
     }
+    mPendingCount = 0;
     if (!mSink || frame == nullptr || frame->data == nullptr || frame->size == 0) {
         return 0;
     }
@@ -50,6 +65,6 @@ int AudioRender::renderFrame(FrameBuffer* frame, int delayMs) {
 
 void AudioRender::flush() {
     NativeMutexLock lock(mLock);
-    mPendingCount = 0;
+    mPendingCount += 1;
     mCondition.notifyOne();
 }

@@ -28,7 +28,9 @@ public:
     // Waits up to delayMs (cut short by flush()), converts the frame and
     // hands it to the sink. Without a sink the frame is dropped.
     int renderFrame(FrameBuffer* frame, int delayMs);
-    // Cuts short a pending wait in renderFrame; discards nothing.
+    // Cuts short the wait in renderFrame; discards nothing. A flush that
+    // finds no wait in progress ends the wait of the next frame handed in,
+    // so that one issued just before the wait begins is not lost.
     void flush();
 
 private:
@@ -37,5 +39,7 @@ private:
     // Guarded by mLock.
     std::unique_ptr<PcmSink> mSink;
     FFmpegAudioConverter mConverter;
+    // Flushes renderFrame has not seen yet; under mLock. Each frame takes
+    // them all: a frame that has some does not wait.
     int mPendingCount;
 };

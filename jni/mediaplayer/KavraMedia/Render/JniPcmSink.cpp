@@ -4,7 +4,20 @@
 
 namespace {
 const char* const kTag = "AudioRender";
+
+// Logs, describes and clears a Java exception left by the last JNI call, so
+// that no further JNI call (nor a detach) runs with one pending. True when
+// there was one.
+bool clearException(JNIEnv* env, const char* what) {
+    if (!env->ExceptionCheck()) {
+        return false;
+    }
+    __android_log_print(ANDROID_LOG_ERROR, kTag, "%s threw an exception.", what);
+    env->ExceptionDescribe();
+    env->ExceptionClear();
+    return true;
 }
+}  // namespace
 
 JniPcmSink::JniPcmSink(JNIEnv* env, jobject callback) : mCallback(nullptr), mJavaVM(nullptr), mOnAudioBuffer(nullptr) {
     if (env == nullptr || callback == nullptr) {
@@ -15,9 +28,18 @@ JniPcmSink::JniPcmSink(JNIEnv* env, jobject callback) : mCallback(nullptr), mJav
         return;
     }
     jclass cls = env->GetObjectClass(callback);
-    mOnAudioBuffer = env->GetMethodID(cls, "onAudioBuffer", "([B)V");
-    env->DeleteLocalRef(cls);
+    mOnAudioBuffer = cls != nullptr ? env->GetMethodID(cls, "onAudioBuffer", "([B)V") : nullptr;
+    // A callback without the method leaves NoSuchMethodError pending; the
+    // sink then delivers nothing.
+    clearException(env, "GetMethodID onAudioBuffer");
+    if (cls != nullptr) {
+        env->DeleteLocalRef(cls);
+    }
+    if (mOnAudioBuffer == nullptr) {
+        return;
+    }
     mCallback = env->NewGlobalRef(callback);
+    clearException(env, "NewGlobalRef");
 }
 
 JniPcmSink::~JniPcmSink() {
@@ -70,9 +92,13 @@ int JniPcmSink::deliver(const uint8_t* pcm, int size) {
     jbyteArray array = env->NewByteArray(size);
     if (array != nullptr) {
         env->SetByteArrayRegion(array, 0, size, reinterpret_cast<const jbyte*>(pcm));
-        env->CallVoidMethod(mCallback, mOnAudioBuffer, array);
+        if (!clearException(env, "SetByteArrayRegion")) {
+            env->CallVoidMethod(mCallback, mOnAudioBuffer, array);
+            result = clearException(env, "onAudioBuffer") ? -1 : 0;
+        }
         env->DeleteLocalRef(array);
-        result = 0;
+    } else {
+        clearException(env, "NewByteArray");
     }
     if (attached) {
         mJavaVM->DetachCurrentThread();

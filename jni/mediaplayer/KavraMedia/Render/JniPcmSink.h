@@ -6,8 +6,10 @@
 
 // Hands PCM to a Java object's "onAudioBuffer" "([B)V" as a new byte array.
 // A thread that the virtual machine does not know is attached for the one
-// call and detached again; a Java thread is used as it is. Log tag
-// "AudioRender".
+// call and detached again; a Java thread is used as it is. A Java exception
+// left by any call (a missing method, a callback that throws) is logged,
+// described and cleared before the next JNI call, so nothing runs with one
+// pending. Log tag "AudioRender".
 class JniPcmSink : public PcmSink {
 public:
     // Takes a global reference to `callback`; the method is looked up on the

@@ -1,14 +1,14 @@
 #include "Render/RenderManager.h"
 
-#include <cerrno>
+#include <chrono>
 #include <cstdint>
-#include <ctime>
 #include <utility>
 
 RenderManager::RenderManager() : RenderManager(Timer::TimeSource()) {}
 
 RenderManager::RenderManager(Timer::TimeSource timeSource)
-    : mTimer(std::move(timeSource)), mStartTime(0), mSyncOpened(false), mVideoEnabled(false), mAudioEnabled(false) {}
+    : mTimer(std::move(timeSource)), mStartTime(0), mSyncOpened(false), mVideoEnabled(false), mAudioEnabled(false),
+      mPaceInterrupted{false, false} {}
 
 RenderManager::~RenderManager() {
     mVideoRender.reset();
@@ -48,6 +48,12 @@ int RenderManager::setAudioPlay(std::unique_ptr<PcmSink> sink) {
 }
 
 void RenderManager::openSyncRender() {
+    {
+        // Paced playback starts afresh: what closed it before is over.
+        std::lock_guard<std::mutex> lock(mPaceLock);
+        mPaceInterrupted[kStreamAudio] = false;
+        mPaceInterrupted[kStreamVideo] = false;
+    }
     if (!mSyncOpened) {
         mTimer.start();
         mSyncOpened = true;
@@ -60,6 +66,7 @@ void RenderManager::closeSyncRender() {
     }
     mTimer.pause();
     mSyncOpened = false;
+    interruptPacing(kStreamBoth);
     if (mAudioRender) {
         mAudioRender->flush();
     }
@@ -80,6 +87,7 @@ void RenderManager::openStreamRender(int stream) {
 }
 
 void RenderManager::closeStreams(int stream) {
+    interruptPacing(stream);
     if (stream == kStreamVideo) {
         mVideoEnabled = false;
         if (mVideoRender) {
@@ -106,18 +114,16 @@ void RenderManager::closeStreamRender(int stream) { closeStreams(stream); }
 
 void RenderManager::flush(int stream) { closeStreams(stream); }
 
-int RenderManager::rawDelay(int frameTime) {
-    // 32-bit wrap-around as the times are 32-bit; computed unsigned so that
-    // extreme times cannot overflow a signed operation.
-    uint32_t delay = static_cast<uint32_t>(frameTime) - static_cast<uint32_t>(mTimer.getCurrentTime()) -
-                     static_cast<uint32_t>(mStartTime.load());
-    return static_cast<int>(delay);
+int RenderManager::frameDelay(int frameTime) {
+    // Far-apart 32-bit times (a frame without a real time, a jump in the
+    // stream) must neither wrap around nor make a render thread wait for
+    // weeks: the difference is taken in 64 bits and clamped.
+    int64_t delay = static_cast<int64_t>(frameTime) - static_cast<int64_t>(mTimer.getCurrentTime()) -
+                    static_cast<int64_t>(mStartTime.load());
+    return delay > kMaxDelayMs ? kMaxDelayMs : static_cast<int>(delay < 0 ? 0 : delay);
 }
 
-int RenderManager::calculateRenderFrameDelay(int frameTime) {
-    int delay = rawDelay(frameTime);
-    return delay > 0 ? delay : 0;
-}
+int RenderManager::calculateRenderFrameDelay(int frameTime) { return frameDelay(frameTime); }
 
 void RenderManager::renderFrame(FrameBuffer* frame, int stream) {
     if (frame == nullptr) {
@@ -151,36 +157,47 @@ void RenderManager::renderFrame(FrameBuffer* frame, int stream) {
             return;
         }
         // Muted audio still takes its time.
-        int delay = rawDelay(frameTime);
+        int delay = frameDelay(frameTime);
         if (delay < 1) {
             return;
         }
-        sleepMs(delay);
+        paceWait(kStreamAudio, delay);
     } else if (stream == kStreamVideo) {
-        int delay = rawDelay(frameTime);
-        if (delay <= 0) {
-            delay = 0;
-        }
+        int delay = frameDelay(frameTime);
         if (!mVideoRender) {
             return;
         }
         if (!mVideoEnabled) {
-            sleepMs(delay);
+            paceWait(kStreamVideo, delay);
             return;
         }
         mVideoRender->renderFrame(frame, delay);
     }
 }
 
-void RenderManager::sleepMs(int ms) {
-    if (ms < 1) {
+void RenderManager::paceWait(int stream, int ms) {
+    std::unique_lock<std::mutex> lock(mPaceLock);
+    bool& interrupted = mPaceInterrupted[stream];
+    if (ms >= 1) {
+        mPaceCond.wait_for(lock, std::chrono::milliseconds(ms), [&] { return interrupted; });
+    }
+    interrupted = false;
+}
+
+void RenderManager::interruptPacing(int stream) {
+    if (stream != kStreamVideo && stream != kStreamAudio && stream != kStreamBoth) {
         return;
     }
-    struct timespec remaining;
-    remaining.tv_sec = ms / 1000;
-    remaining.tv_nsec = static_cast<long>(ms % 1000) * 1000000L;
-    while (nanosleep(&remaining, &remaining) != 0 && errno == EINTR) {
+    {
+        std::lock_guard<std::mutex> lock(mPaceLock);
+        if (stream != kStreamAudio) {
+            mPaceInterrupted[kStreamVideo] = true;
+        }
+        if (stream != kStreamVideo) {
+            mPaceInterrupted[kStreamAudio] = true;
+        }
     }
+    mPaceCond.notify_all();
 }
 
 void RenderManager::setSyncTimerSpeed(float speed) { mTimer.setTimerSpeed(speed); }

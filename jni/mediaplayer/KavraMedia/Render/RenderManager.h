@@ -3,7 +3,9 @@
 #include <jni.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <memory>
+#include <mutex>
 
 #include "Common/FrameBuffer.h"
 #include "Platform/NativeWindow.h"
@@ -19,11 +21,20 @@
 // Stream selectors: 1 video, 0 audio, -1 both; other values do nothing.
 // The clock runs in time relative to the start time: setCurrentTime
 // subtracts it, getCurrentTime does not add it back.
+//
+// Every wait that paces a frame here or in a renderer ends early on
+// closeSyncRender, closeStreamRender and flush of its stream (a seek or a
+// stop). Such a call that comes just before the render thread begins its
+// wait still ends that wait, so none is lost to timing.
 class RenderManager {
 public:
     static constexpr int kStreamVideo = 1;
     static constexpr int kStreamAudio = 0;
     static constexpr int kStreamBoth = -1;
+    // The longest a frame is waited for. A frame due further ahead of the
+    // clock is a jump in the stream's times, not a frame interval: it is
+    // shown after this long rather than freezing the picture.
+    static constexpr int kMaxDelayMs = 10000;
 
     RenderManager();
     // A clock read through another time source (microseconds).
@@ -41,7 +52,8 @@ public:
     int setAudioPlay(std::unique_ptr<PcmSink> sink);
     void setStartTime(int ms) { mStartTime = ms; }
 
-    // Clock-paced rendering: starts the clock (once).
+    // Clock-paced rendering: starts the clock (once). Interruptions of
+    // pacing waits left over from before are dropped.
     void openSyncRender();
     // Pauses the clock and flushes the renderers.
     void closeSyncRender();
@@ -52,7 +64,8 @@ public:
     void flush(int stream);
 
     void renderFrame(FrameBuffer* frame, int stream);
-    // frameTime - clock - start time, or 0 when that is not positive.
+    // frameTime - clock - start time, or 0 when that is not positive, at
+    // most kMaxDelayMs.
     int calculateRenderFrameDelay(int frameTime);
     void setSyncTimerSpeed(float speed);
     void setCurrentTime(int ms);
@@ -66,10 +79,15 @@ public:
 
 private:
     void closeStreams(int stream);
-    // Sleeps the calling thread; the pace of a frame that is not shown.
-    static void sleepMs(int ms);
-    // Frame time minus clock minus start time, in 32-bit arithmetic.
-    int rawDelay(int frameTime);
+    // Holds the calling render thread for up to `ms`: the pace of a frame
+    // that is not shown. Ends early when the stream's pacing is interrupted.
+    void paceWait(int stream, int ms);
+    // Ends the pacing wait of the stream(s), or the next one when none is
+    // in progress.
+    void interruptPacing(int stream);
+    // Frame time minus clock minus start time, computed in 64 bits (the
+    // 32-bit times may be far apart) and clamped to at most kMaxDelayMs.
+    int frameDelay(int frameTime);
 
     std::unique_ptr<VideoRender> mVideoRender;
     std::unique_ptr<AudioRender> mAudioRender;
@@ -79,4 +97,10 @@ private:
     std::atomic<bool> mSyncOpened;
     std::atomic<bool> mVideoEnabled;
     std::atomic<bool> mAudioEnabled;
+    // Pacing waits of frames that are not shown. One pending interruption
+    // per stream (index: the stream selector, 0 audio, 1 video), consumed
+    // by the wait it ends.
+    std::mutex mPaceLock;
+    std::condition_variable mPaceCond;
+    bool mPaceInterrupted[2];
 };

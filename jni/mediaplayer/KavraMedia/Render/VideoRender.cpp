@@ -172,7 +172,7 @@ int VideoRender::renderFrame(FrameBuffer* frame, int delayMs) {
     if (!mPicture) {
         return -1;
     }
-    int64_t t0 = av_gettime();
+    int64_t t0 = av_gettime_relative();
     if (delayMs < 1) {
         if (!mLock.tryLock()) {
             mDroppedFrames += 1;
@@ -181,6 +181,10 @@ int VideoRender::renderFrame(FrameBuffer* frame, int delayMs) {
     } else {
         mLock.lock();
     }
+    // A flush since the last frame (even one that came before this frame
+    // took the lock) means this frame does not wait.
+    bool flushed = mPendingCount > 0;
+    mPendingCount = 0;
     const Picture* src = pictureOf(frame);
     if (mPixelFormat == AV_PIX_FMT_YUV420P || mPixelFormat == AV_PIX_FMT_YUVJ420P) {
         av_image_copy(mPicture->data, mPicture->linesize, const_cast<const uint8_t**>(src->data), src->linesize,
@@ -191,10 +195,19 @@ int VideoRender::renderFrame(FrameBuffer* frame, int delayMs) {
                            mPixelFormat, 0);
     }
     mFrameReady = true;
-    int64_t elapsedMs = (av_gettime() - t0) / 1000;
-    if (elapsedMs < delayMs) {
-        mCondition.wait(mLock, static_cast<long>(delayMs - elapsedMs));
+    // Until the frame is due, or a flush; the condition also carries the
+    // presentation thread's wake-ups, so the deadline is checked again
+    // after every one.
+    const int64_t dueUs = t0 + static_cast<int64_t>(delayMs) * 1000;
+    while (!flushed) {
+        int64_t leftUs = dueUs - av_gettime_relative();
+        if (leftUs <= 0) {
+            break;
+        }
+        mCondition.wait(mLock, static_cast<long>((leftUs + 999) / 1000));
+        flushed = mPendingCount > 0;
     }
+    mPendingCount = 0;
     mCondition.notifyOne();
     mLock.unlock();
     return 0;
@@ -202,7 +215,7 @@ int VideoRender::renderFrame(FrameBuffer* frame, int delayMs) {
 
 void VideoRender::flush() {
     mLock.lock();
-    mPendingCount = 0;
+    mPendingCount += 1;
     // The presentation thread may be waiting on the same condition; every
     // waiter is woken so that the producer's wait surely ends.
     mCondition.notifyAll();

@@ -38,7 +38,10 @@ public:
     // Reconfigures the window's buffers and restarts the presentation thread
     // when the frame format or size differs from the current one.
     void resetFormatIfChanged(int pixelFormat, int width, int height);
-    // Cuts short a producer's pending wait; discards nothing.
+    // Cuts short the producer's wait for its frame; discards nothing. A
+    // flush that finds no wait in progress ends the wait of the next frame
+    // handed in, so that one issued just before the producer waits is not
+    // lost.
     void flush();
 
     // Frames dropped because the presentation thread held the lock.
@@ -65,6 +68,8 @@ private:
     NativeMutex mLock;
     NativeCondition mCondition;
     std::shared_ptr<NativeWindow> mNativeWindow;
+    // Flushes the producer has not seen yet; under mLock. Each frame handed
+    // in takes them all: a frame that has some does not wait.
     int mPendingCount;
     std::atomic<int> mDroppedFrames;
     // Geometry of the current frames. Changed only while no presentation

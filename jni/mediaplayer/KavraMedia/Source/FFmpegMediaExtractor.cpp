@@ -9,7 +9,7 @@ namespace {
 const char* const kTag = "FFmpegMediaExtractor";
 }
 
-FFmpegMediaExtractor::FFmpegMediaExtractor() : mFormatContext(nullptr), mInterruptRequest(0) {}
+FFmpegMediaExtractor::FFmpegMediaExtractor() : mFormatContext(nullptr), mInterruptRequest(0), mDamaged(false) {}
 
 FFmpegMediaExtractor::~FFmpegMediaExtractor() { release(); }
 
@@ -145,17 +145,24 @@ int FFmpegMediaExtractor::readFrame(AVPacket* pkt) {
     }
     int ret = av_read_frame(mFormatContext, pkt);
     if (ret >= 0) {
+        mReadGuard.onRead(ret, mFormatContext);
         return 0;
     }
-    if (ret == AVERROR_EOF) {
-        return -1;
+    if (mInterruptRequest != 0) {
+        // Interrupted I/O fails at once on every call; that is the caller's
+        // doing, not damage.
+        return mFormatContext->pb == nullptr || avio_feof(mFormatContext->pb) ? -1 : 0;
     }
-    // Any other error counts as end of input only when the I/O says so; a
-    // transient error is handed back as success with an empty packet.
-    if (mFormatContext->pb == nullptr || avio_feof(mFormatContext->pb)) {
+    switch (mReadGuard.onRead(ret, mFormatContext)) {
+    case ReadProgressGuard::READ_DAMAGED:
+        mDamaged = true;
         return -1;
+    case ReadProgressGuard::READ_END:
+        return -1;
+    default:
+        // A transient error is handed back as success with an empty packet.
+        return 0;
     }
-    return 0;
 }
 
 int FFmpegMediaExtractor::seekFrame(int timeMs, int streamIndex, int flags) {
@@ -163,6 +170,7 @@ int FFmpegMediaExtractor::seekFrame(int timeMs, int streamIndex, int flags) {
     if (mFormatContext == nullptr) {
         return -1;
     }
+    mReadGuard.reset();
     return av_seek_frame(mFormatContext, streamIndex, static_cast<int64_t>(timeMs) * 1000, flags);
 }
 

@@ -6,6 +6,7 @@
 
 #include "Common/NativeMutex.h"
 #include "Source/MediaInfo.h"
+#include "Source/ReadProgressGuard.h"
 
 extern "C" {
 #include <libavformat/avformat.h>
@@ -28,9 +29,14 @@ public:
     int findStreamInfo();
     int findVideoStreamInfo(int index);
     int findAudioStreamInfo(int index);
-    // 0 for a packet (or a transient read error), -1 at end of input.
+    // 0 for a packet (or a transient read error), -1 at end of input. A run
+    // of read errors that makes no progress is the end of input too, and
+    // marks the input as damaged.
     int readFrame(AVPacket* pkt);
-    // av_seek_frame's result; timeMs is widened before scaling to us.
+    // The input ended through damage rather than at its end (see readFrame).
+    bool isDamaged() const { return mDamaged.load(); }
+    // av_seek_frame's result; timeMs is widened before scaling to us. A
+    // seek starts a new run of read errors.
     int seekFrame(int timeMs, int streamIndex, int flags);
     // Null for a bad index or no open input.
     AVStream* getStream(int index);
@@ -52,4 +58,7 @@ private:
     NativeMutex mLock;
     std::unique_ptr<StreamInfo[]> mStreamInfos;
     std::atomic<int> mInterruptRequest;
+    // Guarded by mLock.
+    ReadProgressGuard mReadGuard;
+    std::atomic<bool> mDamaged;
 };
