@@ -397,14 +397,14 @@ TEST(KavraMediaDecoder, SeekTimesOutWhileAHeldFrameBlocksTheFlushAndFinishesOnce
     KavraMediaDecoder decoder;
     open(decoder, fixture("mpeg4.mp4"));
     FrameBufferQueue* video = decoder.getVideoOutputQueue();
-    ASSERT_TRUE(waitUntil([&] { return video->dequeueOutputBufferIndex(30) >= 0; }, kWaitMs));
+    ASSERT_TRUE(eventually([&] { return video->dequeueOutputBufferIndex(30) >= 0; }, kWaitMs));
 
     std::atomic<bool> returned{false};
     std::thread seeker([&] {
         decoder.seekTo(1000);
         returned = true;
     });
-    bool inTime = waitUntil([&] { return returned.load(); }, 5000);
+    bool inTime = eventually([&] { return returned.load(); }, 5000);
     EXPECT_TRUE(inTime) << "the seek waited for the held frame";
     EXPECT_EQ(log.count(kTag, "seek time out."), inTime ? 1 : 0);
     EXPECT_FALSE(log.contains(kTag, "seekEnd")) << "the flush cannot end while the frame is held";
