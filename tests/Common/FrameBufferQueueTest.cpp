@@ -5,7 +5,6 @@
 #include <chrono>
 #include <cstring>
 #include <future>
-#include <thread>
 #include <vector>
 
 extern "C" {
@@ -14,7 +13,6 @@ extern "C" {
 
 #include "Common/FFmpegPtr.h"
 #include "Common/FrameBufferQueue.h"
-#include "support/LogCapture.h"
 
 namespace kavra::test {
 namespace {
@@ -46,20 +44,46 @@ FrameBuffer stagingFor(AVFrame* frame, int type, int ptsMs) {
     return s;
 }
 
-TEST(FrameBufferQueueCreate, RejectsInvalidArgumentsWithTheirMessages) {
-    LogCapture log;
+// A record of `size` raw bytes.
+FrameBuffer bytesRecord(uint8_t* bytes, int size, int ptsMs = 0) {
+    FrameBuffer s;
+    memset(&s, 0, sizeof(s));
+    s.type = FRAME_BUFFER_BYTES;
+    s.data = bytes;
+    s.size = size;
+    s.ptsMs = ptsMs;
+    return s;
+}
+
+TEST(FrameBufferQueueLifecycle, InvalidGeometryIsRefusedAndNothingPassesBeforeStart) {
     FrameBufferQueue q;
     EXPECT_EQ(q.create(0), -1);
     EXPECT_EQ(q.create(5, -1), -1);
     EXPECT_EQ(q.create(5, 0, 0, 10), -1);
     EXPECT_EQ(q.create(5, -1, 10, 10), -1);
-    EXPECT_EQ(log.messages("FrameBufferQueue"),
-              (std::vector<std::string>{"Capacity:0 is invalid.", "Capacity:5,dataSize:-1 is invalid.",
-                                        "Capacity:5,Format:0,Width:0,Height:10 is invalid.",
-                                        "Capacity:5,Format:-1,Width:10,Height:10 is invalid."}));
     EXPECT_FALSE(q.isCreated());
-    EXPECT_EQ(q.create(5, 0), 0) << "zero-byte slots are allowed";
-    EXPECT_EQ(q.getCapacity(), 5);
+    FrameBufferQueue zero;
+    EXPECT_EQ(zero.create(5, 0), 0) << "zero-byte slots are allowed";
+    ASSERT_EQ(q.create(2, 8), 0);
+    EXPECT_EQ(q.getBuffer(0)->ptsMs, -1) << "a fresh slot has no time";
+    uint8_t bytes[9] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
+    FrameBuffer s = bytesRecord(bytes, 8, 12);
+    EXPECT_EQ(q.queueInputBuffer(&s, 0), -3) << "room but not started: the copy refuses";
+    EXPECT_EQ(q.dequeueOutputBufferIndex(0), -3);
+    EXPECT_EQ(q.releaseOutputBuffer(), -1) << "nothing was dequeued";
+    q.start();
+    ASSERT_EQ(q.queueInputBuffer(&s, 0), 0);
+    s.size = 9;
+    EXPECT_EQ(q.queueInputBuffer(&s, 0), -1) << "more bytes than a slot holds";
+    int index = q.dequeueOutputBufferIndex(0);
+    ASSERT_GE(index, 0);
+    bytes[0] = 0;
+    EXPECT_EQ(memcmp(q.getBuffer(index)->data, "\x01\x02\x03\x04\x05\x06\x07\x08", 8), 0) << "bytes are copied";
+    EXPECT_EQ(q.getBuffer(index)->ptsMs, 12);
+    q.releaseOutputBuffer();
+    q.release();
+    q.release();
+    EXPECT_FALSE(q.isCreated());
 }
 
 // Queues `n` frames and returns a reference to each one's pixels, so a test
@@ -113,25 +137,6 @@ TEST(FrameBufferQueueCreate, CreatingAgainFreesTheOldSlotsWithTheirOwnSizeAndTyp
     EXPECT_FALSE(q.isCreated());
     EXPECT_TRUE(allFreed(held)) << "a refused create still frees the old ring";
     q.release();
-}
-
-TEST(FrameBufferQueueLifecycle, NothingPassesBeforeStart) {
-    FrameBufferQueue q;
-    ASSERT_EQ(q.create(2, 16), 0);
-    uint8_t bytes[16] = {0};
-    FrameBuffer s;
-    memset(&s, 0, sizeof(s));
-    s.type = FRAME_BUFFER_BYTES;
-    s.data = bytes;
-    s.size = 16;
-    EXPECT_EQ(q.queueInputBuffer(&s, 0), -3) << "room but not started: the copy refuses";
-    EXPECT_EQ(q.dequeueOutputBufferIndex(0), -3);
-    EXPECT_EQ(q.releaseOutputBuffer(), -1) << "nothing was dequeued";
-    q.start();
-    EXPECT_EQ(q.queueInputBuffer(&s, 0), 0);
-    q.release();
-    q.release();
-    EXPECT_FALSE(q.isCreated());
 }
 
 TEST(FrameBufferQueueFrames, FramesMoveInByReferenceAndComeOutInOrder) {
@@ -215,54 +220,18 @@ TEST(FrameBufferQueuePictures, PicturesAreCopiedIntoTheSlotsOwnPlanes) {
     q.release();
 }
 
-TEST(FrameBufferQueueBytes, BytesAreCopiedAndFreshSlotsHaveNoTime) {
-    FrameBufferQueue q;
-    ASSERT_EQ(q.create(2, 8), 0);
-    EXPECT_EQ(q.getBuffer(0)->ptsMs, -1);
-    EXPECT_EQ(q.getBuffer(0)->size, 8);
-    q.start();
-    uint8_t bytes[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-    FrameBuffer s;
-    memset(&s, 0, sizeof(s));
-    s.type = FRAME_BUFFER_BYTES;
-    s.data = bytes;
-    s.size = 8;
-    s.ptsMs = 12;
-    ASSERT_EQ(q.queueInputBuffer(&s, 0), 0);
-    s.size = 9;
-    EXPECT_EQ(q.queueInputBuffer(&s, 0), -1) << "more bytes than a slot holds";
-    int index = q.dequeueOutputBufferIndex(0);
-    ASSERT_GE(index, 0);
-    EXPECT_EQ(memcmp(q.getBuffer(index)->data, bytes, 8), 0);
-    EXPECT_EQ(q.getBuffer(index)->ptsMs, 12);
-    q.releaseOutputBuffer();
-    q.release();
-}
-
-TEST(FrameBufferQueueWaits, FullAndEmptyWithTimeouts) {
+TEST(FrameBufferQueueWaits, TimedOutWaitsKeepNoLockAndAReleaseWakesTheProducer) {
     FrameBufferQueue q;
     ASSERT_EQ(q.create(1, 4), 0);
     q.start();
     uint8_t bytes[4] = {0};
-    FrameBuffer s;
-    memset(&s, 0, sizeof(s));
-    s.type = FRAME_BUFFER_BYTES;
-    s.data = bytes;
-    s.size = 4;
-
-    auto start = std::chrono::steady_clock::now();
+    FrameBuffer s = bytesRecord(bytes, 4);
     EXPECT_EQ(q.dequeueOutputBufferIndex(20), -2);
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(19));
     // A dequeue that ran out must not keep the output lock: flush would hang.
     auto flushed = std::async(std::launch::async, [&] { q.flush(); });
     ASSERT_EQ(flushed.wait_for(std::chrono::seconds(5)), std::future_status::ready);
-
     ASSERT_EQ(q.queueInputBuffer(&s, 0), 0);
-    EXPECT_EQ(q.queueInputBuffer(&s, 0), -2);
-    start = std::chrono::steady_clock::now();
     EXPECT_EQ(q.queueInputBuffer(&s, 20), -2);
-    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(19));
-
     // A producer blocked on the full ring goes on once the consumer frees a slot.
     auto producer = std::async(std::launch::async, [&] { return q.queueInputBuffer(&s, -1); });
     EXPECT_EQ(producer.wait_for(std::chrono::milliseconds(30)), std::future_status::timeout);
@@ -283,11 +252,7 @@ TEST(FrameBufferQueueWaits, AbortReleasesAWaitingConsumerAndProducer) {
     ASSERT_EQ(full.create(1, 4), 0);
     full.start();
     uint8_t bytes[4] = {0};
-    FrameBuffer s;
-    memset(&s, 0, sizeof(s));
-    s.type = FRAME_BUFFER_BYTES;
-    s.data = bytes;
-    s.size = 4;
+    FrameBuffer s = bytesRecord(bytes, 4);
     ASSERT_EQ(full.queueInputBuffer(&s, 0), 0);
     auto producer = std::async(std::launch::async, [&] { return full.queueInputBuffer(&s, -1); });
 
@@ -311,11 +276,7 @@ TEST(FrameBufferQueueWaits, FlushThenReuseStartsAtSlotZero) {
     ASSERT_EQ(q.create(4, 4), 0);
     q.start();
     uint8_t bytes[4] = {0};
-    FrameBuffer s;
-    memset(&s, 0, sizeof(s));
-    s.type = FRAME_BUFFER_BYTES;
-    s.data = bytes;
-    s.size = 4;
+    FrameBuffer s = bytesRecord(bytes, 4);
     for (int pts = 1; pts <= 3; ++pts) {
         s.ptsMs = pts;
         ASSERT_EQ(q.queueInputBuffer(&s, 0), 0);
@@ -356,9 +317,8 @@ TEST(FrameBufferQueueWaits, SizeCorrectionsWakeAWaiter) {
     EXPECT_EQ(consumer.get(), 0);
     EXPECT_EQ(q.getSize(), 1);
     q.opetationSize('=', 3);
-    EXPECT_EQ(q.getSize(), 3);
-    q.opetationSize('-', 3);
-    EXPECT_EQ(q.getSize(), 0);
+    q.opetationSize('-', 1);
+    EXPECT_EQ(q.getSize(), 2);
     q.release();
 }
 
@@ -373,7 +333,6 @@ TEST(FrameBufferQueueThreads, OneProducerOneConsumerSeeEveryFrameInOrder) {
     q.start();
     constexpr int kFrames = 300;
     auto producer = std::async(std::launch::async, [&] {
-        ScopedAVFrame f = makeScopedAVFrame();
         for (int i = 0; i < kFrames; ++i) {
             ScopedAVFrame src = makeFrame(32, 32, static_cast<uint8_t>(i));
             FrameBuffer s = stagingFor(src.get(), FRAME_BUFFER_FRAME, i);

@@ -8,10 +8,10 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstring>
-#include <future>
 #include <cstdint>
+#include <cstring>
 #include <functional>
+#include <future>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -33,7 +33,6 @@ extern "C" {
 #include "support/Process.h"
 
 namespace kavra::test {
-
 
 // What ffprobe counts when it decodes the first stream of a kind ("v" or
 // "a"), or with `byIndex` the stream of that index ("2"); -1 when it
@@ -64,41 +63,32 @@ inline uint64_t hashPicture(const uint8_t* const data[], const int linesize[], i
     return h;
 }
 
-// One frame as a consumer saw it in the output queue.
+// One frame as a consumer saw it in the output queue; for a picture also
+// the index drawn into it and a hash of its planes, for planar float audio
+// the sign changes of its first channel (a measure of a tone's pitch).
 struct DecodedFrame {
-    int ptsMs = 0;
-    int durationMs = 0;
-    int size = 0;
-    int type = 0;
-    int format = 0;
-    int width = 0;
-    int height = 0;
-    int sampleRate = 0;
-    int channels = 0;
-    int nbSamples = 0;
-    // Video: the index drawn into the picture, and a hash of its planes.
+    int ptsMs = 0, durationMs = 0, size = 0, type = 0, format = 0, width = 0, height = 0;
+    int sampleRate = 0, channels = 0, nbSamples = 0;
     int index = -1;
     uint64_t hash = 0;
+    int crossings = -1;
 };
 
 inline DecodedFrame describeFrame(const FrameBuffer* b) {
-    DecodedFrame f;
-    f.ptsMs = b->ptsMs;
-    f.durationMs = b->durationMs;
-    f.size = b->size;
-    f.type = b->type;
-    f.format = b->format;
-    f.width = b->width;
-    f.height = b->height;
-    f.sampleRate = b->sampleRate;
-    f.channels = b->channels;
-    f.nbSamples = b->nbSamples;
+    DecodedFrame f{b->ptsMs, b->durationMs, b->size,       b->type,     b->format,
+                   b->width, b->height,     b->sampleRate, b->channels, b->nbSamples};
     bool picture = b->width > 0 && b->height > 0 &&
                    (b->format == AV_PIX_FMT_YUV420P || b->format == AV_PIX_FMT_YUVJ420P);
     if (picture && b->size > 0) {
         const Picture* p = pictureOf(b);
         f.index = frameIndexFromLuma(p->data[0], p->linesize[0], b->width, b->height);
         f.hash = hashPicture(p->data, p->linesize, b->width, b->height);
+    } else if (b->format == AV_SAMPLE_FMT_FLTP && b->nbSamples > 0 && b->size > 0) {
+        const float* left = reinterpret_cast<const float*>(static_cast<const AVFrame*>(b->data)->extended_data[0]);
+        f.crossings = 0;
+        for (int i = 1; i < b->nbSamples; ++i) {
+            f.crossings += (left[i - 1] < 0.0f) != (left[i] < 0.0f) ? 1 : 0;
+        }
     }
     return f;
 }
@@ -140,6 +130,15 @@ public:
     int afterEnd() const {
         std::lock_guard<std::mutex> lock(mMutex);
         return mAfterEnd;
+    }
+    int ends() const {
+        std::lock_guard<std::mutex> lock(mMutex);
+        return mEnds;
+    }
+    // Forgets the frames seen so far.
+    void clear() {
+        std::lock_guard<std::mutex> lock(mMutex);
+        mFrames.clear();
     }
 
 private:

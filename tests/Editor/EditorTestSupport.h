@@ -1,7 +1,7 @@
 #pragma once
 
 // Shared by the editor tests: fixture timing, expected frames, a recording
-// thumbnail sink and a temporary directory.
+// thumbnail sink and picture files read back.
 
 #include <gtest/gtest.h>
 
@@ -18,6 +18,7 @@
 #include "support/Fixtures.h"
 #include "support/FrameIndex.h"
 #include "support/Process.h"
+#include "support/ScratchDir.h"
 
 namespace kavra::test {
 
@@ -102,30 +103,7 @@ private:
     std::function<bool(int, int)> mFn;
 };
 
-// A directory under the system's temporary directory, removed with its
-// content at the end of the test.
-class TempDir {
-public:
-    TempDir() {
-        std::string pattern = std::string(getenv("TMPDIR") != nullptr ? getenv("TMPDIR") : "/tmp") + "/kavra_editor.XXXXXX";
-        std::vector<char> buffer(pattern.begin(), pattern.end());
-        buffer.push_back('\0');
-        char* made = mkdtemp(buffer.data());
-        mPath = made != nullptr ? made : "";
-    }
-    ~TempDir() {
-        if (!mPath.empty()) {
-            runCommand("rm -rf " + shellQuote(mPath));
-        }
-    }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    std::string file(const std::string& name) const { return mPath + "/" + name; }
-    const std::string& path() const { return mPath; }
-
-private:
-    std::string mPath;
-};
+using TempDir = ScratchDir;
 
 // The frame index drawn into a picture file (JPEG, PNG), decoded by the
 // ffmpeg tool at its own size; -1 when it cannot be read. Gives the size.

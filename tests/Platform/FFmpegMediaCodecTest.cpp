@@ -85,7 +85,6 @@ struct Output {
     uint32_t flags;
     int32_t size;
     int index;  // drawn into the picture
-    uint64_t hash;
     const uint8_t* buffer;
 };
 
@@ -141,13 +140,10 @@ struct Driver {
         size_t capacity = 0;
         const uint8_t* data = codec.getOutputBuffer(static_cast<size_t>(index), &capacity);
         EXPECT_NE(data, nullptr);
-        Output o{info.presentationTimeUs, info.flags, info.size, -1, 0, data};
+        Output o{info.presentationTimeUs, info.flags, info.size, -1, data};
         if (info.size > 0 && data != nullptr) {
             EXPECT_GE(capacity, static_cast<size_t>(info.size));
-            const uint8_t* planes[3] = {data, data + stride * sliceHeight, data + stride * sliceHeight * 5 / 4};
-            const int linesizes[3] = {stride, stride / 2, stride / 2};
             o.index = frameIndexFromLuma(data, stride, kWidth, kHeight);
-            o.hash = hashPicture(planes, linesizes, kWidth, kHeight);
         }
         if (info.flags & MediaCodec::BUFFER_FLAG_END_OF_STREAM) {
             ended = true;
@@ -210,15 +206,15 @@ TEST(FFmpegMediaCodec, DecodesAWholeStreamUnderTheContract) {
     EXPECT_EQ(d.sliceHeight, sliceHeight);
     const size_t layoutBytes = static_cast<size_t>(stride) * sliceHeight * 3 / 2;
 
-    // Every picture, in display order, with the time it went in with, the
-    // same pixels as FFmpeg's own decoding, from a bounded set of reused
-    // buffers (the outputs plus the most pictures H.264 keeps for
-    // reference); then one empty buffer flagged end of stream.
+    // Every picture, in display order (its pixels are compared with
+    // FFmpeg's own decoding through the decoder built on this codec, in
+    // MediaCodecVideoDecoderStream), with the time it went in with, from a
+    // bounded set of reused buffers (the outputs plus the most pictures
+    // H.264 keeps for reference); then one empty buffer flagged end of
+    // stream.
     ASSERT_EQ(d.outputs.size(), 301u);
     std::vector<int64_t> times = s.pts;
     std::sort(times.begin(), times.end());
-    std::vector<ScopedAVFrame> reference = referenceFrames(fixture("h264_aac.mp4"), AVMEDIA_TYPE_VIDEO, -1);
-    ASSERT_EQ(reference.size(), 300u);
     std::set<const uint8_t*> pool;
     for (size_t i = 0; i < 300; ++i) {
         const Output& o = d.outputs[i];
@@ -226,7 +222,6 @@ TEST(FFmpegMediaCodec, DecodesAWholeStreamUnderTheContract) {
         ASSERT_EQ(o.flags, 0u) << i;
         ASSERT_EQ(o.pts, times[i]) << i;
         ASSERT_EQ(o.index, static_cast<int>(i));
-        ASSERT_EQ(o.hash, hashPicture(reference[i]->data, reference[i]->linesize, kWidth, kHeight)) << i;
         pool.insert(o.buffer);
     }
     EXPECT_LE(pool.size(), static_cast<size_t>(FFmpegMediaCodec::kOutputBuffers + 16));

@@ -6,12 +6,10 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <filesystem>
 #include <string>
-#include <vector>
 
 #include "support/Process.h"
+#include "support/ScratchDir.h"
 
 namespace kavra::test {
 namespace {
@@ -24,25 +22,18 @@ struct Call {
 class FifoInput : public ::testing::TestWithParam<Call> {};
 
 TEST_P(FifoInput, IsRefusedAtOnceWithOneLine) {
-    const char* base = getenv("TMPDIR");
-    std::string pattern = std::string(base != nullptr ? base : "/tmp") + "/kavra_fifo_XXXXXX";
-    std::vector<char> buf(pattern.begin(), pattern.end());
-    buf.push_back('\0');
-    ASSERT_NE(mkdtemp(buf.data()), nullptr);
-    const std::string dir = buf.data();
-    const std::string in = dir + "/in.mp4";
+    ScratchDir dir;
+    const std::string in = dir.file("in.mp4");
     ASSERT_EQ(mkfifo(in.c_str(), 0600), 0);
     std::string args = GetParam().args;
     args.replace(args.find("{IN}"), 4, shellQuote(in));
     size_t out = args.find("{OUT}");
     if (out != std::string::npos) {
-        args.replace(out, 5, shellQuote(dir + "/out"));
+        args.replace(out, 5, shellQuote(dir.file("out")));
     }
     // Nobody writes to the FIFO: a tool that opened it would wait until the
     // time-out ends it (status 124).
     CommandResult r = runCommand("timeout 30 " + shellQuote(kavraTool()) + " " + args + " 2>&1");
-    std::error_code ec;
-    std::filesystem::remove_all(dir, ec);
     EXPECT_EQ(r.status, 1) << r.output;
     EXPECT_EQ(std::count(r.output.begin(), r.output.end(), '\n'), 1) << r.output;
     EXPECT_NE(r.output.find(in + ": not a regular file"), std::string::npos) << r.output;

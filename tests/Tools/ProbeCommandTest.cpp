@@ -83,13 +83,7 @@ TEST_P(ProbeJson, AgreesWithFfprobe) {
 INSTANTIATE_TEST_SUITE_P(Fixtures, ProbeJson,
                          ::testing::Values("h264_aac.mp4", "with_subtitle.mp4", "audio_only.m4a", "late_start.ts",
                                            "vp9.webm"),
-                         [](const ::testing::TestParamInfo<const char*>& p) {
-                             std::string name = p.param;
-                             for (char& c : name) {
-                                 if (!isalnum(static_cast<unsigned char>(c))) c = '_';
-                             }
-                             return name;
-                         });
+                         FixtureName());
 
 TEST(ProbeText, NamesTheRotationAndTheChosenStreams) {
     CommandResult r = probe(shellQuote(fixture("h264_aac_rot90.mp4")));

@@ -7,10 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -18,43 +14,9 @@
 #include "Common/StreamRotation.h"
 #include "support/FrameIndex.h"
 #include "support/Process.h"
+#include "support/ScratchDir.h"
 
 namespace kavra::test {
-
-// A directory of its own for one test, removed afterwards.
-class ScratchDir {
-public:
-    ScratchDir() {
-        const char* base = getenv("TMPDIR");
-        std::string pattern = std::string(base != nullptr ? base : "/tmp") + "/kavra_trim_XXXXXX";
-        std::vector<char> buf(pattern.begin(), pattern.end());
-        buf.push_back('\0');
-        if (mkdtemp(buf.data()) != nullptr) {
-            mPath = buf.data();
-        }
-    }
-    ~ScratchDir() {
-        if (!mPath.empty()) {
-            std::error_code ec;
-            std::filesystem::remove_all(mPath, ec);
-        }
-    }
-    ScratchDir(const ScratchDir&) = delete;
-    ScratchDir& operator=(const ScratchDir&) = delete;
-    const std::string& path() const { return mPath; }
-    std::string file(const std::string& name) const { return mPath + "/" + name; }
-    // Names of everything in the directory.
-    std::vector<std::string> entries() const {
-        std::vector<std::string> names;
-        for (const auto& e : std::filesystem::directory_iterator(mPath)) {
-            names.push_back(e.path().filename().string());
-        }
-        return names;
-    }
-
-private:
-    std::string mPath;
-};
 
 inline std::string fileHash(const std::string& path) {
     CommandResult r = runCommand("sha256sum " + shellQuote(path));

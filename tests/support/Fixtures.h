@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cctype>
 #include <string>
 
 namespace kavra::test {
@@ -21,5 +22,28 @@ namespace kavra::test {
 // Every video frame shows its index in binary (see FrameIndex.h).
 inline std::string fixtureDir() { return KAVRA_FIXTURE_DIR; }
 inline std::string fixture(const std::string& name) { return fixtureDir() + "/" + name; }
+
+// A test name for a fixture ("h264_aac.mp4" gives "h264_aac_mp4"), for
+// INSTANTIATE_TEST_SUITE_P over fixture names or over structs whose first
+// member is the name.
+inline std::string testName(std::string name) {
+    for (char& c : name) {
+        if (!isalnum(static_cast<unsigned char>(c))) {
+            c = '_';
+        }
+    }
+    return name;
+}
+struct FixtureName {
+    template <typename Info>
+    std::string operator()(const Info& info) const {
+        return testName(nameOf(info.param));
+    }
+    static std::string nameOf(const char* name) { return name; }
+    template <typename Param>
+    static std::string nameOf(const Param& param) {
+        return param.name;
+    }
+};
 
 }  // namespace kavra::test
