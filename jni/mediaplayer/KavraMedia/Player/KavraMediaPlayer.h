@@ -32,7 +32,7 @@
 // Order of use: setListener, setDataSource, setVideoPlay/setAudioPlay,
 // prepare, start ... stop, release, destroy. prepare may follow stop again.
 // Every call returns within a bounded time; stop cuts every wait short.
-class KavraMediaPlayer : private FrameJump::Host {
+class KavraMediaPlayer final : private FrameJump::Host {
 public:
     // Status values, one bit each so that sets of them form masks.
     enum Status : int {
