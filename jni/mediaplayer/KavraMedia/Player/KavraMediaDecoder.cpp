@@ -16,6 +16,7 @@ const char* const kTag = "KavraMediaDecoder";
 constexpr int kPutTimeoutMs = 5;
 // The longest a seek request waits at a time for the demux thread.
 constexpr int kSeekWaitMs = 500;
+constexpr int kSeekWaitLimitMs = 10000;
 }  // namespace
 
 KavraMediaDecoder::KavraMediaDecoder()
@@ -28,6 +29,7 @@ KavraMediaDecoder::KavraMediaDecoder()
       mSeekTime(-1),
       mSeekSerial(0),
       mSeekCount(0),
+      mSeekSteps(0),
       mInterrupted(false) {}
 
 KavraMediaDecoder::~KavraMediaDecoder() { release(); }
@@ -161,13 +163,23 @@ void KavraMediaDecoder::seekTo(int ms) {
     // so waking all cannot lose a hand-over between several callers.
     mCond.notifyAll();
     // mLock is free while the demux thread flushes and repositions, so each
-    // wait ends within its 500 ms whatever the decoders do.
+    // wait ends within its 500 ms whatever the decoders do. A wait that runs
+    // out while the seek still progresses (a slow machine, a container
+    // whose seek reads much of the file) is followed by another, up to
+    // kSeekWaitLimitMs in all; one that saw no progress gives up.
+    auto progress = [this] { return mSeekSteps.load() + (mExtractor ? mExtractor->ioProgress() : 0); };
+    uint64_t seen = progress();
+    int waitedMs = 0;
     while (mSeekTime != -1 && mSeekSerial == serial && !mStopRequest) {
         bool woken = mCond.wait(mLock, kSeekWaitMs);
+        waitedMs += woken ? 0 : kSeekWaitMs;
+        const uint64_t now = progress();
+        const bool progressed = now != seen && waitedMs < kSeekWaitLimitMs;
+        seen = now;
         // The seek may have been carried out, or replaced by a later
         // request, while this wait took the lock back; only this request,
         // still pending, has timed out.
-        if (!woken && mSeekTime != -1 && mSeekSerial == serial && !mStopRequest) {
+        if (!woken && !progressed && mSeekTime != -1 && mSeekSerial == serial && !mStopRequest) {
             __android_log_print(ANDROID_LOG_WARN, kTag, "seek time out.");
             mSeekTime = -1;
             interruptExtractor();
@@ -341,9 +353,11 @@ void KavraMediaDecoder::performSeek() {
         NativeMutexLock decoders(mDecoderLock);
         if (mVideoDecoder) {
             mVideoDecoder->flush();
+            mSeekSteps += 1;
         }
         if (mAudioDecoder) {
             mAudioDecoder->flush();
+            mSeekSteps += 1;
         }
     }
     mExtractor->seekFrame(target, -1, AVSEEK_FLAG_BACKWARD);

@@ -52,9 +52,10 @@ public:
     int selectAudioTrack(int track);
     // Starts the decoders and the demux thread. Returns 0.
     int start();
-    // Hands a seek to the demux thread and waits for it (500 ms per wait);
-    // when a wait runs out, gives the seek up and interrupts the extractor
-    // for good. Returns within about 500 ms even when the demux thread is
+    // Hands a seek to the demux thread and waits for it, 500 ms per wait.
+    // When a wait runs out with no progress meanwhile (no flush finished,
+    // no I/O done), gives the seek up and interrupts the extractor for
+    // good; a seek that progresses is waited for up to 10 s in all. Returns within about 500 ms even when the demux thread is
     // stuck in a decoder flush. A later request replaces one still pending.
     // -1 returns at once.
     void seekTo(int ms);
@@ -135,6 +136,10 @@ private:
     // Counts seeks carried out, so an end-of-stream hand-over that a seek
     // cut short can be told from a decoder that refused it.
     std::atomic<uint32_t> mSeekCount;
+    // Steps of a seek completed on the demux thread (each decoder flush);
+    // with the extractor's I/O progress it tells a seek that is slow from
+    // one that is stuck.
+    std::atomic<uint64_t> mSeekSteps;
     // The extractor's I/O was interrupted: an empty read is the end.
     std::atomic<bool> mInterrupted;
     // Guards the seek hand-over and the parking; taken before mDecoderLock.

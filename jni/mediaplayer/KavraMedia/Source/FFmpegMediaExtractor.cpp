@@ -9,12 +9,14 @@ namespace {
 const char* const kTag = "FFmpegMediaExtractor";
 }
 
-FFmpegMediaExtractor::FFmpegMediaExtractor() : mFormatContext(nullptr), mInterruptRequest(0), mDamaged(false) {}
+FFmpegMediaExtractor::FFmpegMediaExtractor() : mFormatContext(nullptr), mInterruptRequest(0), mIoProgress(0), mDamaged(false) {}
 
 FFmpegMediaExtractor::~FFmpegMediaExtractor() { release(); }
 
 int FFmpegMediaExtractor::interruptCallBack(void* opaque) {
-    return static_cast<FFmpegMediaExtractor*>(opaque)->mInterruptRequest.load();
+    FFmpegMediaExtractor* self = static_cast<FFmpegMediaExtractor*>(opaque);
+    self->mIoProgress.fetch_add(1, std::memory_order_relaxed);
+    return self->mInterruptRequest.load();
 }
 
 int FFmpegMediaExtractor::setSource(const char* path) {

@@ -44,6 +44,10 @@ public:
     int getStreamIndex(AVMediaType type, int wanted);
     // Makes every blocking FFmpeg I/O of this input give up, for good.
     void requestInterrupt() { mInterruptRequest = 1; }
+    // Grows every time FFmpeg's I/O layer checks for an interrupt, which it
+    // does around every read: a value that stops changing means the input
+    // is stuck, one that moves means I/O is going on, however slowly.
+    uint64_t ioProgress() const { return mIoProgress.load(std::memory_order_relaxed); }
     // Closes the input and frees the stream records; safe to call twice.
     void release();
 
@@ -58,6 +62,7 @@ private:
     NativeMutex mLock;
     std::unique_ptr<StreamInfo[]> mStreamInfos;
     std::atomic<int> mInterruptRequest;
+    std::atomic<uint64_t> mIoProgress;
     // Guarded by mLock.
     ReadProgressGuard mReadGuard;
     std::atomic<bool> mDamaged;
