@@ -215,7 +215,9 @@ struct Session {
     int expectedFrame(int ms) const {
         Ffprobe probe(fixture(name));
         const double videoStart = probe.streamNumber(0, "start_time") * 1000;
-        const double k = std::floor((player.getStartTime() + ms - videoStart) * 30 / 1000 + 1e-6);
+        const std::string rate = probe.stream(0, "r_frame_rate");
+        const double fps = std::stod(rate) / std::stod(rate.substr(rate.find('/') + 1));
+        const double k = std::floor((player.getStartTime() + ms - videoStart) * fps / 1000 + 1e-6);
         return std::max(0, static_cast<int>(k));
     }
 
@@ -316,7 +318,8 @@ TEST_P(Seek, ShowsTheFrameAtTheTarget) {
         EXPECT_LE(s.settle(), 2);
     }
     // Frame 10 or so is shown: 1200 ms lies within a second of the frame in
-    // hand, 5500 ms beyond it, 100 ms behind it.
+    // hand, 5500 ms beyond it, 100 ms behind it. At 25 frames a second,
+    // 1200 ms is where frame 30 starts and frame 29 ends.
     const int target = c.move == Move::Forward ? 1200 : c.move == Move::Backward ? 100 : 5500;
     log.clear();
     const uint64_t before = s.queued();
@@ -343,6 +346,9 @@ TEST_P(Seek, ShowsTheFrameAtTheTarget) {
     const std::vector<int> after = s.frames(before);
     const size_t at = std::find(after.begin(), after.end(), expected) - after.begin();
     ASSERT_LE(at, called - before + 2) << str(after);
+    for (size_t i = 0; i < at; ++i) {
+        EXPECT_EQ(after[i], s.frameAt(before - 1) + 1 + static_cast<int>(i)) << "not playback's own: " << str(after);
+    }
     EXPECT_GT(after[at + 1], expected) << str(after);
     if (c.move == Move::Forward) {
         EXPECT_EQ(seeks, 0) << "decoded forward without repositioning";
@@ -358,6 +364,7 @@ std::vector<SeekCase> seekCases() {
             cases.push_back({file, m});
         }
     }
+    cases.push_back({"short_25fps.mp4", Move::Forward});
     return cases;
 }
 

@@ -42,6 +42,12 @@ struct alignas(64) FrameBuffer {
     uint8_t* bytes;
     int durationMs;
     int ptsMs;
+    // The frame's time plus its duration, rounded up to the millisecond
+    // from the exact stream ticks: a time t (whole ms) lies within the
+    // frame's span exactly when t < endMs, where ptsMs and durationMs, both
+    // truncated, cannot tell a frame that starts exactly at t from one that
+    // starts a fraction later. 0 when unknown.
+    int endMs;
     int size;
     int format;
     int width;

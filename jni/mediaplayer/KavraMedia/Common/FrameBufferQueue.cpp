@@ -222,6 +222,7 @@ int FrameBufferQueue::putInner(const FrameBuffer* src) {
     slot->height = src->height;
     slot->width = src->width;
     slot->durationMs = src->durationMs;
+    slot->endMs = src->endMs;
     if (src->size != 0) {
         switch (src->type) {
         case FRAME_BUFFER_FRAME:

@@ -5,6 +5,8 @@
 #include <cstdint>
 
 extern "C" {
+#include <libavutil/avutil.h>
+#include <libavutil/mathematics.h>
 #include <libavutil/rational.h>
 }
 
@@ -17,6 +19,18 @@ public:
     static int ticksToMs(int64_t ticks, AVRational timeBase) {
         double ms = static_cast<double>(ticks) * (static_cast<double>(timeBase.num) / timeBase.den) * 1000.0;
         return saturate(ms);
+    }
+
+    // The end of a span of ticks [start, start + duration), in ms rounded
+    // up, computed exactly in integers; 0 when either is missing.
+    static int endMs(int64_t start, int64_t duration, AVRational timeBase) {
+        if (start == AV_NOPTS_VALUE || duration <= 0 || timeBase.den <= 0 || timeBase.num <= 0 ||
+            start > INT64_MAX - duration) {
+            return 0;
+        }
+        const int64_t ms = av_rescale_rnd(start + duration, static_cast<int64_t>(timeBase.num) * 1000, timeBase.den,
+                                          static_cast<AVRounding>(AV_ROUND_UP | AV_ROUND_PASS_MINMAX));
+        return ms > INT_MAX ? INT_MAX : ms < INT_MIN ? INT_MIN : static_cast<int>(ms);
     }
 
     // Truncates toward zero and saturates at the int32 limits; NaN gives 0.

@@ -193,6 +193,7 @@ void FFmpegDecoder::drain() {
     // Fed again after its end, the stream starts over.
     mNextPts = AV_NOPTS_VALUE;
     mFrameBuffer.durationMs = 0;
+    mFrameBuffer.endMs = 0;
     mFrameBuffer.ptsMs = 0;
     mFrameBuffer.size = 0;
     mFrameBuffer.data = mFrame.get();
@@ -291,8 +292,10 @@ void FFmpegDecoder::queueFrame() {
         fb.size = 1;
     }
     AVRational timeBase = mStream != nullptr ? mStream->time_base : ctx->pkt_timebase;
-    fb.ptsMs = MediaTime::ticksToMs(frameTicks(frame), timeBase);
+    const int64_t ticks = frameTicks(frame);
+    fb.ptsMs = MediaTime::ticksToMs(ticks, timeBase);
     fb.durationMs = MediaTime::ticksToMs(frame->pkt_duration, timeBase);
+    fb.endMs = MediaTime::endMs(ticks, frame->pkt_duration, timeBase);
     mFrameCount += 1;
     // The frame's reference moves into the slot; if the queue refuses it
     // (stopped, flushing, or never created) the frame is dropped.

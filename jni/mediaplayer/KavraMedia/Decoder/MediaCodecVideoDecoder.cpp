@@ -282,6 +282,7 @@ void MediaCodecVideoDecoder::drainAtEndOfStream() {
     }
     mFrameBuffer.type = FRAME_BUFFER_PICTURE;
     mFrameBuffer.durationMs = 0;
+    mFrameBuffer.endMs = 0;
     mFrameBuffer.ptsMs = 0;
     mFrameBuffer.size = 0;
     mFrameBuffer.data = mFrame.get();
@@ -495,7 +496,9 @@ void MediaCodecVideoDecoder::deliverPicture(uint8_t* data, size_t capacity, cons
     fb.type = FRAME_BUFFER_PICTURE;
     fb.data = mFrame.get();
     fb.size = mDataSize;
-    fb.ptsMs = MediaTime::ticksToMs(pictureTicks(static_cast<int64_t>(info.presentationTimeUs)), timeBase);
+    const int64_t ticks = pictureTicks(static_cast<int64_t>(info.presentationTimeUs));
+    fb.ptsMs = MediaTime::ticksToMs(ticks, timeBase);
+    fb.endMs = MediaTime::endMs(ticks, mPacketDuration, timeBase);
     fb.format = AV_PIX_FMT_YUV420P;
     fb.width = mOutWidth;
     fb.height = mOutHeight;

@@ -119,8 +119,12 @@ int FrameJump::jumpVideoFrameTo(int target) {
             }
         }
         // Frames that end before the target are dropped unconverted; the
-        // first that reaches it (or starts after it) is shown.
-        const bool reached = repositionTo < 0 && wanted <= pts + frame->durationMs;
+        // first whose span holds it (or that starts after it) is shown. The
+        // exact end tells a frame ending at the target (dropped) from one
+        // ending a fraction after it; without one, a frame whose truncated
+        // end reaches the target counts.
+        const int end = frame->endMs > pts ? frame->endMs : pts + frame->durationMs + 1;
+        const bool reached = repositionTo < 0 && wanted < end;
         if (reached) {
             presentNow(frame);
             mRequest.target = -1;
