@@ -4,6 +4,10 @@
 
 #include <algorithm>
 
+extern "C" {
+#include <libavutil/time.h>
+}
+
 namespace {
 const char* const kTag = "KavraMediaPlayer";
 // How long the jump waits for the next frame before it gives the seek up.
@@ -13,6 +17,10 @@ constexpr int kJumpWaitMs = 600;
 constexpr int kDecodeForwardMs = 1000;
 // How often a reposition that landed after its target goes back further.
 constexpr int kSeekRetries = 4;
+// While requests keep replacing each other during a jump (a finger dragging
+// a slider), a frame decoded on the way is shown at most this often, so the
+// picture follows the drag instead of standing still until it ends.
+constexpr int64_t kPreviewEveryUs = 100000;
 }  // namespace
 
 FrameJump::FrameJump(Host& host, RenderManager& renderManager, const Request& request)
@@ -61,6 +69,9 @@ int FrameJump::jumpVideoFrameTo(int target) {
     // the queues' locks).
     int result = target;
     int retries = 0;
+    int examined = 0;
+    bool replaced = false;
+    int64_t lastShownUs = av_gettime_relative();
     FrameBufferQueue* queue = mVideoQueue;
     while (queue != nullptr && !mHost.isStopped()) {
         const int index = queue->dequeueOutputBufferIndex(kJumpWaitMs);
@@ -113,6 +124,7 @@ int FrameJump::jumpVideoFrameTo(int target) {
         } else if (mRequest.targetMoved.exchange(false)) {
             // The first frame examined for a new target.
             __android_log_print(ANDROID_LOG_ERROR, kTag, "mIsSeekPositonChanged");
+            replaced = replaced || examined > 0;
             const bool force = mRequest.forceDemuxSeek.exchange(false);
             if (force || pts > wanted || wanted - pts > kDecodeForwardMs) {
                 repositionTo = wanted;
@@ -125,11 +137,16 @@ int FrameJump::jumpVideoFrameTo(int target) {
         // end reaches the target counts.
         const int end = frame->endMs > pts ? frame->endMs : pts + frame->durationMs + 1;
         const bool reached = repositionTo < 0 && wanted < end;
+        ++examined;
         if (reached) {
             presentNow(frame);
             mRequest.target = -1;
             mRenderManager.setCurrentTime(pts);
             result = pts;
+        } else if (replaced && av_gettime_relative() - lastShownUs >= kPreviewEveryUs) {
+            // A preview on the way; the jump goes on to the exact frame.
+            presentNow(frame);
+            lastShownUs = av_gettime_relative();
         }
         queue->releaseOutputBuffer();
         mRequest.lock.unlock();
