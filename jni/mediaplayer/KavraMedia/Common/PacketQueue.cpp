@@ -27,7 +27,7 @@ void initMarker(AVPacket* pkt, char* data) {
 
 PacketQueue::PacketQueue()
     : maxSize(kDefaultLimit), maxNum(kDefaultLimit), size(0), count(0),
-      first(nullptr), last(nullptr), abortRequest(true) {
+      first(nullptr), last(nullptr), mSpareNodes(nullptr), mSpareCount(0), abortRequest(true) {
     initMarker(&flushPacket, kFlushData);
     initMarker(&endPacket, kEndData);
     initMarker(&emptyPacket, nullptr);
@@ -36,6 +36,7 @@ PacketQueue::PacketQueue()
 PacketQueue::~PacketQueue() {
     mLock.lock();
     freeNodesLocked();
+    freeSpareNodesLocked();
     mLock.unlock();
     av_packet_unref(&flushPacket);
     av_packet_unref(&endPacket);
@@ -58,11 +59,8 @@ int PacketQueue::put(AVPacket* pkt, int timeoutMs) {
     if (pkt == nullptr) {
         return -1;
     }
-    // The node is allocated before the lock is taken, so that the consumer
-    // never waits on an allocation; a node left unused is freed after the
-    // lock is given back. The waiter is woken after that too: woken while
-    // the lock is still held, it would only block on it again at once.
-    Node* spare = static_cast<Node*>(av_malloc(sizeof(Node)));
+    // The waiter is woken after the lock is given back: woken while the
+    // lock is still held, it would only block on it again at once.
     int ret;
     {
         NativeMutexLock lock(mLock);
@@ -73,13 +71,12 @@ int PacketQueue::put(AVPacket* pkt, int timeoutMs) {
             __android_log_print(ANDROID_LOG_ERROR, kTag, "av_dup_packet error");
             ret = -1;
         } else {
-            ret = putLocked(pkt, timeoutMs, spare);
+            ret = putLocked(pkt, timeoutMs);
         }
     }
     if (ret == 0) {
         mCond.notifyOne();
     }
-    av_free(spare);
     return ret;
 }
 
@@ -88,15 +85,14 @@ bool PacketQueue::hasRoomLocked(const AVPacket* pkt) const {
 }
 
 int PacketQueue::putInner(AVPacket* pkt, int timeoutMs) {
-    Node* none = nullptr;
-    int ret = putLocked(pkt, timeoutMs, none);
+    int ret = putLocked(pkt, timeoutMs);
     if (ret == 0) {
         mCond.notifyOne();
     }
     return ret;
 }
 
-int PacketQueue::putLocked(AVPacket* pkt, int timeoutMs, Node*& spare) {
+int PacketQueue::putLocked(AVPacket* pkt, int timeoutMs) {
     if (abortRequest) {
         return -3;
     }
@@ -120,8 +116,7 @@ int PacketQueue::putLocked(AVPacket* pkt, int timeoutMs, Node*& spare) {
         return -2;
     }
 
-    Node* node = spare != nullptr ? spare : static_cast<Node*>(av_malloc(sizeof(Node)));
-    spare = nullptr;
+    Node* node = takeNodeLocked();
     if (node == nullptr) {
         __android_log_print(ANDROID_LOG_ERROR, kTag, "av_malloc error");
         return -1;
@@ -148,32 +143,27 @@ int PacketQueue::get(AVPacket* out, int timeoutMs) {
     if (out == nullptr) {
         return -1;
     }
-    // The emptied node is freed, and the waiter woken, after the lock is
-    // given back, so that the producer never waits on the allocator.
-    Node* done = nullptr;
+    // The waiter is woken after the lock is given back.
     int ret;
     {
         NativeMutexLock lock(mLock);
-        ret = getLocked(out, timeoutMs, done);
+        ret = getLocked(out, timeoutMs);
     }
     if (ret == 0) {
         mCond.notifyOne();
     }
-    av_free(done);
     return ret;
 }
 
 int PacketQueue::getInner(AVPacket* out, int timeoutMs) {
-    Node* done = nullptr;
-    int ret = getLocked(out, timeoutMs, done);
+    int ret = getLocked(out, timeoutMs);
     if (ret == 0) {
         mCond.notifyOne();
     }
-    av_free(done);
     return ret;
 }
 
-int PacketQueue::getLocked(AVPacket* out, int timeoutMs, Node*& done) {
+int PacketQueue::getLocked(AVPacket* out, int timeoutMs) {
     if (abortRequest) {
         return -3;
     }
@@ -205,7 +195,7 @@ int PacketQueue::getLocked(AVPacket* out, int timeoutMs, Node*& done) {
     count -= 1;
     size -= node->pkt.size + kNodeOverhead;
     *out = node->pkt;
-    done = node;
+    recycleNodeLocked(node);
     return 0;
 }
 
@@ -219,13 +209,43 @@ void PacketQueue::freeNodesLocked() {
     while (node != nullptr) {
         Node* next = node->next;
         av_packet_unref(&node->pkt);
-        av_freep(&node);
+        recycleNodeLocked(node);
         node = next;
     }
     first = nullptr;
     last = nullptr;
     size = 0;
     count = 0;
+}
+
+PacketQueue::Node* PacketQueue::takeNodeLocked() {
+    Node* node = mSpareNodes;
+    if (node == nullptr) {
+        // Only while the queue grows to its working depth.
+        return static_cast<Node*>(av_malloc(sizeof(Node)));
+    }
+    mSpareNodes = node->next;
+    mSpareCount -= 1;
+    return node;
+}
+
+void PacketQueue::recycleNodeLocked(Node* node) {
+    if (mSpareCount >= kMaxSpareNodes) {
+        av_free(node);
+        return;
+    }
+    node->next = mSpareNodes;
+    mSpareNodes = node;
+    mSpareCount += 1;
+}
+
+void PacketQueue::freeSpareNodesLocked() {
+    while (mSpareNodes != nullptr) {
+        Node* next = mSpareNodes->next;
+        av_free(mSpareNodes);
+        mSpareNodes = next;
+    }
+    mSpareCount = 0;
 }
 
 int PacketQueue::getSize() {

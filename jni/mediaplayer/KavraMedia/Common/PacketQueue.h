@@ -71,15 +71,18 @@ private:
         Node* next;
     };
 
-    // putInner with a node allocated beforehand (null: allocate one here),
-    // without the wake-up. `spare` is cleared when its node joins the list;
-    // otherwise the caller still owns it.
-    int putLocked(AVPacket* pkt, int timeoutMs, Node*& spare);
-    // getInner without the wake-up, leaving the emptied node in `done` for
-    // the caller to free.
-    int getLocked(AVPacket* out, int timeoutMs, Node*& done);
+    // putInner and getInner without the wake-up.
+    int putLocked(AVPacket* pkt, int timeoutMs);
+    int getLocked(AVPacket* out, int timeoutMs);
     bool hasRoomLocked(const AVPacket* pkt) const;
+    // Empties the queue; the nodes are kept for reuse.
     void freeNodesLocked();
+    // Emptied nodes are kept (up to kMaxSpareNodes) and reused, so that a
+    // queue in steady use allocates nothing per packet.
+    Node* takeNodeLocked();
+    void recycleNodeLocked(Node* node);
+    void freeSpareNodesLocked();
+    static constexpr int kMaxSpareNodes = 64;
     bool isMarker(const AVPacket* pkt) const { return isEndPacket(pkt) || isFlushPacket(pkt); }
 
     // Guarded by mLock.
@@ -87,6 +90,8 @@ private:
     int count;
     Node* first;
     Node* last;
+    Node* mSpareNodes;
+    int mSpareCount;
     bool abortRequest;
     NativeMutex mLock;
     NativeCondition mCond;
