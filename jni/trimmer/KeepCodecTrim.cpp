@@ -35,7 +35,7 @@ int KeepCodecTrim::setUp(const AVCodecContext* decoder, AVRational frameRate, AV
     mFrameRate = frameRate;
     mSampleAspect = sampleAspect;
     if (in->codec_id == AV_CODEC_ID_HEVC) {
-        *why = "HEVC input: re-encoded HEVC frames cannot be given parameter set ids of their own";
+        *why = "HEVC input (re-encoded frames cannot get parameter set ids of their own)";
         return -1;
     }
     if (in->codec_id != AV_CODEC_ID_H264) {

@@ -6,9 +6,14 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdint>
 #include <string>
 #include <vector>
+
+extern "C" {
+#include <libavutil/imgutils.h>
+}
 
 #include "Common/FFmpegPtr.h"
 #include "Common/StreamRotation.h"
@@ -70,6 +75,7 @@ struct MediaReport {
     int rotation = 0;
     std::vector<Packet> videoPackets;  // in file order
     std::vector<int> frames;           // decoded frame indices, display order
+    std::vector<std::vector<uint8_t>> pictures;  // decoded planes, display order (when asked)
     double videoSeconds = 0;           // sum of video packet durations
     double audioSeconds = 0;           // sum of audio packet durations
     double longestAudioPacket = 0;     // seconds
@@ -77,7 +83,7 @@ struct MediaReport {
 
 // Reads every packet of the first video and first audio stream and decodes
 // the video, reading each picture's frame index.
-inline MediaReport inspectMedia(const std::string& path, bool decode = true) {
+inline MediaReport inspectMedia(const std::string& path, bool decode = true, bool keepPictures = false) {
     MediaReport report;
     AVFormatContext* raw = nullptr;
     if (avformat_open_input(&raw, path.c_str(), nullptr, nullptr) < 0) {
@@ -126,6 +132,14 @@ inline MediaReport inspectMedia(const std::string& path, bool decode = true) {
         while (avcodec_receive_frame(dec.get(), frame.get()) == 0) {
             report.frames.push_back(
                 frameIndexFromLuma(frame->data[0], frame->linesize[0], frame->width, frame->height));
+            if (keepPictures) {
+                auto fmt = static_cast<AVPixelFormat>(frame->format);
+                std::vector<uint8_t> planes(
+                    static_cast<size_t>(av_image_get_buffer_size(fmt, frame->width, frame->height, 1)));
+                av_image_copy_to_buffer(planes.data(), static_cast<int>(planes.size()), frame->data,
+                                        frame->linesize, fmt, frame->width, frame->height, 1);
+                report.pictures.push_back(std::move(planes));
+            }
             av_frame_unref(frame.get());
         }
     };
@@ -152,6 +166,17 @@ inline MediaReport inspectMedia(const std::string& path, bool decode = true) {
         drain();
     }
     return report;
+}
+
+// Peak signal-to-noise ratio of one picture against another of the same
+// layout, in dB (infinite when they are equal).
+inline double psnr(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b) {
+    double sum = 0;
+    for (size_t i = 0; i < a.size() && i < b.size(); ++i) {
+        double d = static_cast<double>(a[i]) - b[i];
+        sum += d * d;
+    }
+    return sum == 0 ? INFINITY : 10 * std::log10(255.0 * 255.0 * static_cast<double>(a.size()) / sum);
 }
 
 // first, first + 1, ..., last

@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <fstream>
 #include <string>
@@ -38,7 +39,7 @@ struct TrimRun {
 };
 
 TrimRun trim(const std::string& in, const std::string& out, int64_t startMs, int64_t endMs, int mode,
-             TrimProgressListener* progress = nullptr) {
+             TrimProgressListener* progress = nullptr, bool keepCodec = false) {
     TrimRun r;
     // The trimmer keeps copies of the paths: the caller's buffers are
     // scribbled over once it is constructed.
@@ -48,6 +49,7 @@ TrimRun trim(const std::string& in, const std::string& out, int64_t startMs, int
     std::fill(inBuf.begin(), inBuf.end() - 1, 'z');
     std::fill(outBuf.begin(), outBuf.end() - 1, 'z');
     trimer.setProgressListener(progress);
+    trimer.setKeepVideoCodec(keepCodec);
     trimer.setTrimParam(startMs * 1000, endMs * 1000);
     r.prepared = trimer.prepare();
     if (r.prepared != 0) {
@@ -133,6 +135,70 @@ INSTANTIATE_TEST_SUITE_P(Fixtures, TrimEveryInput,
                                            Input{"odd_size.mp4", true, true},
                                            Input{"vp9.webm", false, true}, Input{"late_start.ts", false, true}),
                          FixtureName());
+
+// ---------------------------------------------------------------------------
+// Keeping the input's video codec. Key frames every 30 frames; in the open-GOP
+// clip only the first is an IDR picture. Inputs that cannot keep their codec
+// fall back to MPEG-4 and say why.
+
+struct KeepCodecCase {
+    const char* name;
+    const char* file;
+    int mode;
+    int startMs;
+    int endMs;
+    std::vector<int> frames;
+    int64_t encoded;       // frames re-encoded
+    const char* fallBack;  // the reason logged, or null when the codec is kept
+};
+
+class TrimKeepCodec : public ::testing::TestWithParam<KeepCodecCase> {};
+
+TEST_P(TrimKeepCodec, CopiesExactPicturesFromTheIdrAfterEachCutAndReencodesTheRestClosely) {
+    const KeepCodecCase& c = GetParam();
+    ScratchDir dir;
+    std::string out = dir.file("keep.mp4");
+    LogCapture log;
+    TrimRun r = trim(fixture(c.file), out, c.startMs, c.endMs, c.mode, nullptr, true);
+    ASSERT_EQ(r.trimmed, 0);
+    EXPECT_EQ(ffmpegDecodeComplaints(out), "");
+    MediaReport m = inspectMedia(out, true, true);
+    MediaReport source = inspectMedia(fixture(c.file), true, true);
+    EXPECT_EQ(m.frames, c.frames);
+    expectAudioMatchesVideo(m);
+    if (c.fallBack != nullptr) {
+        EXPECT_EQ(m.videoCodec, AV_CODEC_ID_MPEG4);
+        EXPECT_TRUE(log.contains(kTag, std::string("keep codec: re-encoding to MPEG-4 instead: ") + c.fallBack));
+        return;
+    }
+    EXPECT_EQ(m.videoCodec, source.videoCodec);
+    EXPECT_EQ(r.encoded, c.encoded);
+    int64_t exact = 0;
+    double worst = INFINITY;
+    for (size_t i = 0; i < m.frames.size() && i < m.pictures.size(); ++i) {
+        double db = psnr(m.pictures[i], source.pictures.at(static_cast<size_t>(m.frames[i])));
+        exact += std::isinf(db) ? 1 : 0;
+        worst = std::min(worst, db);
+    }
+    EXPECT_EQ(exact, r.copied) << "every copied frame, and only those, is the source's picture";
+    EXPECT_GE(worst, 40.0);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cuts, TrimKeepCodec,
+    ::testing::Values(
+        KeepCodecCase{"h264_keep_between_keys", "h264_aac.mp4", 0, 1100, 3500, run(33, 105), 27 + 3, nullptr},
+        KeepCodecCase{"h264_keep_on_keys", "h264_aac.mp4", 0, 1000, 3000, run(30, 90), 0, nullptr},
+        KeepCodecCase{"h264_cut_between_keys", "h264_aac.mp4", 1, 1100, 3500, concat(run(0, 32), run(105, 299)),
+                      2 + 15, nullptr},
+        KeepCodecCase{"h264_cut_on_keys", "h264_aac.mp4", 1, 1000, 2000, concat(run(0, 29), run(60, 299)), 0,
+                      nullptr},
+        KeepCodecCase{"h264_open_gop", "h264_open_gop.mp4", 0, 1100, 2500, run(33, 75), 43, nullptr},
+        KeepCodecCase{"hevc", "hevc.mp4", 1, 1100, 3500, concat(run(0, 32), run(105, 299)), 0,
+                      "HEVC input (re-encoded frames cannot get parameter set ids of their own)"},
+        KeepCodecCase{"mpeg4_bframes", "mpeg4_bframes.mp4", 0, 1100, 3500, run(33, 105), 0, "mpeg4 input"},
+        KeepCodecCase{"vp9", "vp9.webm", 0, 1100, 3500, run(33, 105), 0, "vp9 input"}),
+    [](const ::testing::TestParamInfo<KeepCodecCase>& info) { return std::string(info.param.name); });
 
 // ---------------------------------------------------------------------------
 // Ranges that touch the ends of the file.
