@@ -93,6 +93,8 @@ int KeepCodecTrim::setUp(const AVCodecContext* decoder, AVRational frameRate, AV
     memcpy(out->codecpar->extradata, record.data(), record.size());
     out->codecpar->extradata_size = static_cast<int>(record.size());
     out->codecpar->codec_tag = 0;
+    // The encoder opened here serves the first run of frames.
+    mSpareEncoder = std::move(encoder);
     mEncoded.reset(av_packet_alloc());
     if (!mEncoded) {
         *why = "out of memory";
@@ -156,9 +158,10 @@ int KeepCodecTrim::runPart(const Part& part) {
 }
 
 int KeepCodecTrim::encodeRun(int64_t low, int64_t high, int64_t stopAtKey, bool last, const Part& part) {
-    kavra::ScopedAVCodecContext encoder;
+    kavra::ScopedAVCodecContext encoder = std::move(mSpareEncoder);
     std::string why;
-    if (H264Encoder::open(mDecoder, mInputParams, mFrameRate, mSampleAspect, mParameterSetId, &encoder, &why) < 0) {
+    if (!encoder &&
+        H264Encoder::open(mDecoder, mInputParams, mFrameRate, mSampleAspect, mParameterSetId, &encoder, &why) < 0) {
         ALOGE("keep codec: %s", why.c_str());
         return -1;
     }

@@ -72,6 +72,7 @@ private:
     AVRational mSampleAspect;
     AvcConfig mInputConfig;
     int mParameterSetId;
+    kavra::ScopedAVCodecContext mSpareEncoder;  // opened, not used yet
 
     int64_t mFrameTicks;
     int64_t mAudioTicks;

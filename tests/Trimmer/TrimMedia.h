@@ -39,19 +39,6 @@ inline std::string ffmpegDecodeComplaints(const std::string& path) {
     return r.output;
 }
 
-// The rotation ffprobe shows for the first video stream (counter-clockwise,
-// as ffprobe prints it), or empty.
-inline std::string ffprobeRotation(const std::string& path) {
-    CommandResult r = runCommand("ffprobe -v error -select_streams v:0 -show_entries stream_side_data=rotation "
-                                 "-of default=nw=1:nk=1 " +
-                                 shellQuote(path));
-    std::string out = r.output;
-    while (!out.empty() && (out.back() == '\n' || out.back() == ' ')) {
-        out.pop_back();
-    }
-    return out;
-}
-
 inline bool runTool(const std::string& command) {
     CommandResult r = runCommand(command + " 2>&1");
     if (r.status != 0) {
@@ -68,7 +55,6 @@ struct Packet {
 
 struct MediaReport {
     bool opened = false;
-    int videoStreams = 0;
     int audioStreams = 0;
     AVCodecID videoCodec = AV_CODEC_ID_NONE;
     AVRational frameRate{0, 1};
@@ -99,7 +85,6 @@ inline MediaReport inspectMedia(const std::string& path, bool decode = true, boo
     for (unsigned i = 0; i < in->nb_streams; ++i) {
         AVMediaType type = in->streams[i]->codecpar->codec_type;
         if (type == AVMEDIA_TYPE_VIDEO) {
-            ++report.videoStreams;
             if (video < 0) {
                 video = static_cast<int>(i);
             }
@@ -191,16 +176,6 @@ inline std::vector<int> run(int first, int last) {
 inline std::vector<int> concat(std::vector<int> a, const std::vector<int>& b) {
     a.insert(a.end(), b.begin(), b.end());
     return a;
-}
-
-// An MPEG-4 Part 2 clip at 29.97 frames per second (every fixture frame kept,
-// only the timing changed) whose configuration differs from the trimmer's
-// encoder in its time resolution: 30000 ticks a second against 30.
-inline bool makeNtscMpeg4(const std::string& source, const std::string& out) {
-    return runTool("ffmpeg -nostdin -v error -y -i " + shellQuote(source) +
-                   " -map 0:v -map 0:a -vf 'setpts=N*1001/(30000*TB)' -r 30000/1001 -c:v mpeg4 -q:v 3 -g 30 "
-                   "-bf 0 -c:a copy -fflags +bitexact " +
-                   shellQuote(out));
 }
 
 }  // namespace kavra::test
