@@ -58,8 +58,6 @@ void VideoReencoder::setEncoder(kavra::ScopedAVCodecContext encoder) {
     mEncoderUsed = false;
     mEncoderDrained = false;
     mEncoderFramePts = 0;
-    // Pictures converted for the previous encoder may still be referenced
-    // by nobody; they are reused as they are.
 }
 
 void VideoReencoder::setKeepWindow(int64_t low, int64_t high) {
