@@ -48,7 +48,6 @@ inline bool runTool(const std::string& command) {
 }
 
 struct Packet {
-    int64_t pts;
     bool key;
     std::vector<uint8_t> data;
 };
@@ -67,8 +66,8 @@ struct MediaReport {
     double longestAudioPacket = 0;     // seconds
 };
 
-// Reads every packet of the first video and first audio stream and decodes
-// the video, reading each picture's frame index.
+// Reads every packet of the main video and audio streams and decodes the
+// video, reading each picture's frame index (and, when asked, its planes).
 inline MediaReport inspectMedia(const std::string& path, bool decode = true, bool keepPictures = false) {
     MediaReport report;
     AVFormatContext* raw = nullptr;
@@ -80,20 +79,10 @@ inline MediaReport inspectMedia(const std::string& path, bool decode = true, boo
         return report;
     }
     report.opened = true;
-    int video = -1;
-    int audio = -1;
+    const int video = av_find_best_stream(in.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+    const int audio = av_find_best_stream(in.get(), AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
     for (unsigned i = 0; i < in->nb_streams; ++i) {
-        AVMediaType type = in->streams[i]->codecpar->codec_type;
-        if (type == AVMEDIA_TYPE_VIDEO) {
-            if (video < 0) {
-                video = static_cast<int>(i);
-            }
-        } else if (type == AVMEDIA_TYPE_AUDIO) {
-            ++report.audioStreams;
-            if (audio < 0) {
-                audio = static_cast<int>(i);
-            }
-        }
+        report.audioStreams += in->streams[i]->codecpar->codec_type == AVMEDIA_TYPE_AUDIO ? 1 : 0;
     }
     ScopedAVCodecContext dec;
     if (video >= 0) {
@@ -133,7 +122,7 @@ inline MediaReport inspectMedia(const std::string& path, bool decode = true, boo
             AVRational tb = in->streams[video]->time_base;
             report.videoSeconds += pkt->duration * av_q2d(tb);
             report.videoPackets.push_back(
-                Packet{pkt->pts, (pkt->flags & AV_PKT_FLAG_KEY) != 0,
+                Packet{(pkt->flags & AV_PKT_FLAG_KEY) != 0,
                        std::vector<uint8_t>(pkt->data, pkt->data + pkt->size)});
             if (dec) {
                 avcodec_send_packet(dec.get(), pkt.get());
