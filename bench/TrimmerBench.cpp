@@ -7,7 +7,10 @@
 // (a process, like ffmpeg, that also probes its input and its result).
 // The start (25 s) lies between key frames of both clips (every 2 s), so the
 // MPEG-4 clip has one partial group of pictures re-encoded; the H.264 clip
-// has every kept frame re-encoded.
+// has every kept frame re-encoded, unless the trimmer keeps its codec
+// (keep-codec run): then only the frames from 25 s to the next key frame are
+// re-encoded, with H.264, and the rest is copied. That run also reports its
+// output's bit rate against the source's.
 //
 // The clips come from: bash tests/fixtures/make_fixtures.sh FIXTURE_DIR
 //   build/tests/set_display_rotation --bench
@@ -35,6 +38,16 @@ const char* kH264Clip = "bench_1080p.mp4";
 std::map<std::string, double>& meanSeconds() {
     static std::map<std::string, double> m;
     return m;
+}
+
+// Bit rates in kbit/s of the keep-codec output and of its source.
+double gKeepCodecKbps = 0;
+double gSourceKbps = 0;
+
+double fileKbps(const std::string& path, double seconds) {
+    std::error_code ec;
+    auto size = std::filesystem::file_size(path, ec);
+    return ec ? 0 : static_cast<double>(size) * 8 / 1000 / seconds;
 }
 
 std::string clipPath(const char* name) { return std::string(KAVRA_FIXTURE_DIR) + "/" + name; }
@@ -83,7 +96,7 @@ void timed(benchmark::State& state, const std::string& key, Body body) {
     }
 }
 
-void BM_TrimmerInProcess(benchmark::State& state, const char* clip, int mode) {
+void BM_TrimmerInProcess(benchmark::State& state, const char* clip, int mode, bool keepCodec) {
     std::string in = clipPath(clip);
     if (!haveClip(state, in)) {
         return;
@@ -91,8 +104,9 @@ void BM_TrimmerInProcess(benchmark::State& state, const char* clip, int mode) {
     std::string out = scratchFile("lib.mp4");
     int64_t copied = 0;
     int64_t encoded = 0;
-    timed(state, std::string("trim:") + clip + ":" + std::to_string(mode), [&] {
+    timed(state, std::string(keepCodec ? "keep:" : "trim:") + clip + ":" + std::to_string(mode), [&] {
         VideoTrimer trimer(in.c_str(), out.c_str());
+        trimer.setKeepVideoCodec(keepCodec);
         trimer.setTrimParam(25000000, 35000000);
         if (trimer.prepare() != 0 || trimer.startTrim(mode) != 0) {
             return false;
@@ -104,6 +118,10 @@ void BM_TrimmerInProcess(benchmark::State& state, const char* clip, int mode) {
     });
     state.counters["copied"] = static_cast<double>(copied);
     state.counters["encoded"] = static_cast<double>(encoded);
+    if (keepCodec) {
+        gKeepCodecKbps = fileKbps(out, 10);
+        gSourceKbps = fileKbps(in, 60);
+    }
     std::remove(out.c_str());
 }
 
@@ -142,16 +160,18 @@ void BM_FfmpegReencode(benchmark::State& state, const char* clip) {
 }
 
 BENCHMARK_CAPTURE(BM_FfmpegCopy, mpeg4, kMpeg4Clip)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(5);
-BENCHMARK_CAPTURE(BM_TrimmerInProcess, mpeg4_keep, kMpeg4Clip, 0)
+BENCHMARK_CAPTURE(BM_TrimmerInProcess, mpeg4_keep, kMpeg4Clip, 0, false)
     ->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(5);
 BENCHMARK_CAPTURE(BM_TrimmerCommand, mpeg4, kMpeg4Clip)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(5);
 BENCHMARK_CAPTURE(BM_FfmpegReencode, mpeg4, kMpeg4Clip)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(3);
-BENCHMARK_CAPTURE(BM_TrimmerInProcess, mpeg4_cut, kMpeg4Clip, 1)
+BENCHMARK_CAPTURE(BM_TrimmerInProcess, mpeg4_cut, kMpeg4Clip, 1, false)
     ->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(3);
 
 BENCHMARK_CAPTURE(BM_FfmpegCopy, h264, kH264Clip)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(5);
-BENCHMARK_CAPTURE(BM_TrimmerInProcess, h264_keep, kH264Clip, 0)
+BENCHMARK_CAPTURE(BM_TrimmerInProcess, h264_keep, kH264Clip, 0, false)
     ->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(3);
+BENCHMARK_CAPTURE(BM_TrimmerInProcess, h264_keep_codec, kH264Clip, 0, true)
+    ->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(5);
 BENCHMARK_CAPTURE(BM_TrimmerCommand, h264, kH264Clip)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(3);
 BENCHMARK_CAPTURE(BM_FfmpegReencode, h264, kH264Clip)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(3);
 
@@ -184,6 +204,12 @@ int main(int argc, char** argv) {
     printRatio("H.264 input: ffmpeg re-encode / trimmer", "reencode:" + h, "trim:" + h + ":0", ">= 1");
     printRatio("H.264 input: ffmpeg re-encode / kavra trim command", "reencode:" + h, "cli:" + h, ">= 1");
     printRatio("H.264 input: trimmer / ffmpeg copy (for scale)", "trim:" + h + ":0", "copy:" + h, "none");
+    printRatio("H.264 input: keep-codec trimmer / ffmpeg copy", "keep:" + h + ":0", "copy:" + h, "<= 2");
+    printRatio("H.264 input: MPEG-4 trimmer / keep-codec trimmer", "trim:" + h + ":0", "keep:" + h + ":0", ">= 5");
+    if (gKeepCodecKbps > 0 && gSourceKbps > 0) {
+        printf("  %-58s %6.2fx   (%.0f kbit/s / %.0f kbit/s)\n", "H.264 input: keep-codec output / source bit rate",
+               gKeepCodecKbps / gSourceKbps, gKeepCodecKbps, gSourceKbps);
+    }
     benchmark::Shutdown();
     return 0;
 }

@@ -77,6 +77,13 @@ void setTrimParam(JNIEnv* env, jobject thiz, jlong startUs, jlong endUs) {
     }
 }
 
+void setKeepCodec(JNIEnv* env, jobject thiz, jboolean keep) {
+    JniVideoTrimer* trimer = getTrimer(env, thiz);
+    if (trimer != nullptr) {
+        trimer->setKeepVideoCodec(keep == JNI_TRUE);
+    }
+}
+
 void prepare(JNIEnv* env, jobject thiz) {
     JniVideoTrimer* trimer = getTrimer(env, thiz);
     if (trimer != nullptr) {
@@ -112,6 +119,7 @@ const JNINativeMethod kMethods[] = {
     NATIVE("native_prepare", "()V", prepare),
     NATIVE("native_startTrim", "(I)V", startTrim),
     NATIVE("native_release", "()V", release),
+    NATIVE("native_setKeepCodec", "(Z)V", setKeepCodec),
 };
 
 #undef NATIVE

@@ -8,7 +8,10 @@
 #include <vector>
 
 #include "Common/FFmpegPtr.h"
-#include "Source/ReadProgressGuard.h"
+#include "trimmer/KeepCodecTrim.h"
+#include "trimmer/TrimInput.h"
+#include "trimmer/TrimMuxer.h"
+#include "trimmer/VideoReencoder.h"
 
 class NativeEventPostListener;
 class TrimProgressListener;
@@ -48,9 +51,16 @@ class TrimProgressListener;
 // and the first packet of every run of encoded packets, and of every run of
 // copied packets that follows encoded ones, starts with its own header.
 //
-// Order of use: constructor, setJNIListener (optional), setTrimParam,
-// prepare, startTrim, release. Everything runs on the caller's thread.
-class VideoTrimer {
+// With setKeepVideoCodec(true), an H.264 input keeps its codec instead:
+// packets are copied byte for byte from the first IDR picture at or after
+// each cut, and only the frames a copy cannot carry are re-encoded with
+// H.264 (see KeepCodecTrim). Any other input, or one whose stream does not
+// allow it, falls back to MPEG-4 with one log line saying why.
+//
+// Order of use: constructor, setJNIListener (optional), setKeepVideoCodec
+// (optional), setTrimParam, prepare, startTrim, release. Everything runs on
+// the caller's thread.
+class VideoTrimer : private EncodedPacketSink {
 public:
     VideoTrimer(const char* inputPath, const char* outputPath);
     virtual ~VideoTrimer();
@@ -60,6 +70,15 @@ public:
 
     void setJNIListener(JNIEnv* env, jobject thiz, jobject weakThis, jmethodID method);
     void notifyEvent(int msg, int ext1, int ext2);
+
+    // Whether to keep the input's video codec (off by default); read by
+    // prepare.
+    void setKeepVideoCodec(bool keep) { mKeepCodecRequested = keep; }
+    // The prepared trim keeps the input's video codec.
+    bool keepsVideoCodec() const { return mKeepCodec; }
+    // Name of the output's video codec ("h264", "mpeg4"), empty before
+    // prepare.
+    std::string videoCodecName() const;
 
     // The range in microseconds.
     void setTrimParam(int64_t start, int64_t end);
@@ -96,14 +115,22 @@ public:
 
     // Whether the prepared trim may copy video packets (MPEG-4 Part 2 input
     // without B-frames) instead of re-encoding every frame.
-    bool copiesVideo() const { return mCopyVideo; }
+    bool copiesVideo() const { return mCopyVideo || mKeepCodec; }
     // Reading the input stopped at damage rather than at its end, so the
     // output may lack what followed.
-    bool isInputDamaged() const { return mReadGuard.damaged(); }
+    bool isInputDamaged() const { return mInput.damaged(); }
     // What startTrim wrote.
-    int64_t videoFramesCopied() const { return mVideoFramesCopied; }
-    int64_t videoFramesEncoded() const { return mVideoFramesEncoded; }
-    int64_t audioPacketsWritten() const { return mAudioPacketsWritten; }
+    int64_t videoFramesCopied() const { return mMuxer.videoFramesCopied(); }
+    int64_t videoFramesEncoded() const { return mReencoder.framesEncoded(); }
+    int64_t audioPacketsWritten() const { return mMuxer.audioPacketsWritten(); }
+    // Video frames copied and re-encoded for each part of the output, in
+    // order (mode 0 writes one part, mode 1 two; a part without frames is
+    // left out).
+    struct PartCounts {
+        int64_t copied;
+        int64_t encoded;
+    };
+    const std::vector<PartCounts>& partCounts() const { return mParts; }
     // Length of what startTrim wrote (the longer of video and audio), in
     // microseconds.
     int64_t outputDurationUs() const;
@@ -119,18 +146,6 @@ public:
     int64_t videoOriginUs() const;
 
 private:
-    // Which configuration header the copied and the encoded video packets
-    // need in front of them.
-    enum class HeaderSource { Input, Encoder };
-
-    // What reading around a cut point finds, in video ticks.
-    struct CutScan {
-        int64_t keyBefore;   // key frame at or before the target (reading starts here)
-        int64_t firstFrame;  // first frame at or after the target; AV_NOPTS_VALUE if none
-        int64_t keyAfter;    // first key frame at or after the target; INT64_MAX if none
-        int64_t videoEnd;    // end of the last frame read (its time plus duration)
-    };
-
     // One read over part of the input. Video frames with timestamps in
     // [videoLow, videoHigh] are kept; in copy mode packets from copyFrom on
     // are copied, earlier ones re-encoded. Audio packets starting in
@@ -148,41 +163,25 @@ private:
     void startTrimInner();
     void startTrimOuter();
     void runPass(const Pass& pass);
+    void runCopyOrEncodePass(const Pass& pass);
+    int finishPrepare();
 
-    // The next packet into mPacket: 0, or negative at the end of the input
-    // (read errors are retried while they make progress).
-    int readPacket();
-    int64_t seekToStart();
-    int64_t firstVideoKeyPts();
-    int64_t seekToKeyFrameAtOrBefore(int64_t target);
-    CutScan scanCut(int64_t target, bool findKeyAfter, int64_t keyLimit);
-
-    int reencodePacket(AVPacket* packet);
-    int encodeFrame(AVFrame* frame);
-    AVFrame* convertForEncoder(AVFrame* frame);
-    void drainDecoder();
-    void drainEncoder();
-    int writeVideoPacket(AVPacket* packet, HeaderSource source);
-    int writeAudioPacket(AVPacket* packet);
+    int writeEncodedPacket(AVPacket* packet) override;
+    void writeAudioPacket(AVPacket* packet);
 
     void startProgress(int64_t totalUs);
     void reportProgress(const Pass& pass, const AVPacket* packet);
     void finishPassProgress(const Pass& pass);
 
     std::unique_ptr<NativeEventPostListener> mListener;
-    kavra::ScopedAVInputContext mpSrcFormatCtx;
-    kavra::ScopedAVOutputContext mpDstFormatCtx;
-    kavra::ScopedAVCodecContext mDecoderContext;
-    kavra::ScopedAVCodecContext mEncoderContext;
-    const AVCodec* mDecoder;
-    AVStream* mDstAudioStream;
-    AVStream* mDstVideoStream;
+    TrimInput mInput;
+    TrimMuxer mMuxer;
+    VideoReencoder mReencoder;
+    KeepCodecTrim mKeepCodecTrim;
+    const Pass* mRunningPass;
+    std::vector<PartCounts> mParts;
     int32_t mSrcAudioIndex;
-    int32_t mDstAudioIndex;
     int32_t mSrcVideoIndex;
-    int32_t mDstVideoIndex;
-    kavra::ScopedAVPacket mPacket;
-    ReadProgressGuard mReadGuard;
     int64_t mStartTime;
     int64_t mEndTime;
     int64_t mVideoStartPTS;
@@ -192,44 +191,19 @@ private:
     int64_t mFirstSyncTime;
     int64_t mSecondSyncTime;
     int32_t mVideoTicks;
-    int64_t mNextVideoPts;
     int32_t mAudioTicks;
-    int64_t mNextAudioPts;
     std::string mInputPath;
     std::string mOutputPath;
 
     TrimProgressListener* mProgressListener;
-    kavra::ScopedAVFrame mFrame;        // decoded picture
-    // Pictures converted for the encoder, used in turn: the encoder may keep
-    // a reference to the last one it was given.
-    kavra::ScopedAVFrame mScaledFrames[3];
-    kavra::ScopedSwsContext mScaler;
-    kavra::ScopedAVPacket mEncodedPacket;
-    kavra::ScopedAVPacket mHeaderPacket;
-
-    bool mHeaderWritten;
     bool mTrimDone;
     bool mCopyVideo;
-    bool mInbandHeaders;
-    HeaderSource mActiveHeader;
-    std::vector<uint8_t> mInputHeader;
-    std::vector<uint8_t> mEncoderHeader;
+    bool mKeepCodecRequested;
+    bool mKeepCodec;
 
-    int64_t mOrigin;         // the input's first video timestamp
-    AVRational mFrameRate;   // output frame rate
+    int64_t mOrigin;           // the input's first video timestamp
+    AVRational mFrameRate;     // output frame rate
     int64_t mInputFrameTicks;  // one frame in input video ticks, for packets without a duration
-    int64_t mKeepLow;        // video frames kept by the running pass
-    int64_t mKeepHigh;
-    bool mDecoderPrimed;     // packets were sent since the last drain
-    bool mEncoderUsed;
-    bool mEncoderDrained;
-    int64_t mEncoderFramePts;
-    int64_t mVideoFramesWritten;
-
-    int64_t mVideoFramesCopied;
-    int64_t mVideoFramesEncoded;
-    int64_t mAudioPacketsWritten;
-    int64_t mAudioWrittenUs;
 
     int64_t mProgressTotalUs;
     int64_t mProgressDoneUs;  // spans of finished passes

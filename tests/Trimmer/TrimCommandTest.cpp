@@ -59,6 +59,14 @@ TEST(TrimCommand, KeepsTheRangeAndReportsWhatItDidAsJson) {
     EXPECT_EQ(m.frames, run(33, 105));
     EXPECT_EQ(jsonNumber(r.out, "audio_packets"), static_cast<long long>(m.audioSeconds / m.longestAudioPacket + 0.5));
     EXPECT_EQ(dir.entries(), std::vector<std::string>{"clip.mp4"}) << "no temporary file is left";
+
+    r = kavra("trim " + q(fixture("h264_aac.mp4")) + " " + q(out) + " --from 1100 --to 3500 --cut --keep-codec --json");
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("\"video_codec\": \"h264\", \"parts\": [{\"frames_copied\": 31, \"frames_encoded\": 2}, "
+                         "{\"frames_copied\": 180, \"frames_encoded\": 15}]"),
+              std::string::npos)
+        << r.out;
+    EXPECT_EQ(inspectMedia(out).frames, concat(run(0, 32), run(105, 299)));
 }
 
 TEST(TrimCommand, CutModePrintsDurationAndHowFramesWereMade) {

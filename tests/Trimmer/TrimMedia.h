@@ -6,9 +6,14 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <cstdint>
 #include <string>
 #include <vector>
+
+extern "C" {
+#include <libavutil/imgutils.h>
+}
 
 #include "Common/FFmpegPtr.h"
 #include "Common/StreamRotation.h"
@@ -34,19 +39,6 @@ inline std::string ffmpegDecodeComplaints(const std::string& path) {
     return r.output;
 }
 
-// The rotation ffprobe shows for the first video stream (counter-clockwise,
-// as ffprobe prints it), or empty.
-inline std::string ffprobeRotation(const std::string& path) {
-    CommandResult r = runCommand("ffprobe -v error -select_streams v:0 -show_entries stream_side_data=rotation "
-                                 "-of default=nw=1:nk=1 " +
-                                 shellQuote(path));
-    std::string out = r.output;
-    while (!out.empty() && (out.back() == '\n' || out.back() == ' ')) {
-        out.pop_back();
-    }
-    return out;
-}
-
 inline bool runTool(const std::string& command) {
     CommandResult r = runCommand(command + " 2>&1");
     if (r.status != 0) {
@@ -56,28 +48,27 @@ inline bool runTool(const std::string& command) {
 }
 
 struct Packet {
-    int64_t pts;
     bool key;
     std::vector<uint8_t> data;
 };
 
 struct MediaReport {
     bool opened = false;
-    int videoStreams = 0;
     int audioStreams = 0;
     AVCodecID videoCodec = AV_CODEC_ID_NONE;
     AVRational frameRate{0, 1};
     int rotation = 0;
     std::vector<Packet> videoPackets;  // in file order
     std::vector<int> frames;           // decoded frame indices, display order
+    std::vector<std::vector<uint8_t>> pictures;  // decoded planes, display order (when asked)
     double videoSeconds = 0;           // sum of video packet durations
     double audioSeconds = 0;           // sum of audio packet durations
     double longestAudioPacket = 0;     // seconds
 };
 
-// Reads every packet of the first video and first audio stream and decodes
-// the video, reading each picture's frame index.
-inline MediaReport inspectMedia(const std::string& path, bool decode = true) {
+// Reads every packet of the main video and audio streams and decodes the
+// video, reading each picture's frame index (and, when asked, its planes).
+inline MediaReport inspectMedia(const std::string& path, bool decode = true, bool keepPictures = false) {
     MediaReport report;
     AVFormatContext* raw = nullptr;
     if (avformat_open_input(&raw, path.c_str(), nullptr, nullptr) < 0) {
@@ -88,21 +79,10 @@ inline MediaReport inspectMedia(const std::string& path, bool decode = true) {
         return report;
     }
     report.opened = true;
-    int video = -1;
-    int audio = -1;
+    const int video = av_find_best_stream(in.get(), AVMEDIA_TYPE_VIDEO, -1, -1, nullptr, 0);
+    const int audio = av_find_best_stream(in.get(), AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
     for (unsigned i = 0; i < in->nb_streams; ++i) {
-        AVMediaType type = in->streams[i]->codecpar->codec_type;
-        if (type == AVMEDIA_TYPE_VIDEO) {
-            ++report.videoStreams;
-            if (video < 0) {
-                video = static_cast<int>(i);
-            }
-        } else if (type == AVMEDIA_TYPE_AUDIO) {
-            ++report.audioStreams;
-            if (audio < 0) {
-                audio = static_cast<int>(i);
-            }
-        }
+        report.audioStreams += in->streams[i]->codecpar->codec_type == AVMEDIA_TYPE_AUDIO ? 1 : 0;
     }
     ScopedAVCodecContext dec;
     if (video >= 0) {
@@ -126,6 +106,14 @@ inline MediaReport inspectMedia(const std::string& path, bool decode = true) {
         while (avcodec_receive_frame(dec.get(), frame.get()) == 0) {
             report.frames.push_back(
                 frameIndexFromLuma(frame->data[0], frame->linesize[0], frame->width, frame->height));
+            if (keepPictures) {
+                auto fmt = static_cast<AVPixelFormat>(frame->format);
+                std::vector<uint8_t> planes(
+                    static_cast<size_t>(av_image_get_buffer_size(fmt, frame->width, frame->height, 1)));
+                av_image_copy_to_buffer(planes.data(), static_cast<int>(planes.size()), frame->data,
+                                        frame->linesize, fmt, frame->width, frame->height, 1);
+                report.pictures.push_back(std::move(planes));
+            }
             av_frame_unref(frame.get());
         }
     };
@@ -134,7 +122,7 @@ inline MediaReport inspectMedia(const std::string& path, bool decode = true) {
             AVRational tb = in->streams[video]->time_base;
             report.videoSeconds += pkt->duration * av_q2d(tb);
             report.videoPackets.push_back(
-                Packet{pkt->pts, (pkt->flags & AV_PKT_FLAG_KEY) != 0,
+                Packet{(pkt->flags & AV_PKT_FLAG_KEY) != 0,
                        std::vector<uint8_t>(pkt->data, pkt->data + pkt->size)});
             if (dec) {
                 avcodec_send_packet(dec.get(), pkt.get());
@@ -154,6 +142,17 @@ inline MediaReport inspectMedia(const std::string& path, bool decode = true) {
     return report;
 }
 
+// Peak signal-to-noise ratio of one picture against another of the same
+// layout, in dB (infinite when they are equal).
+inline double psnr(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b) {
+    double sum = 0;
+    for (size_t i = 0; i < a.size() && i < b.size(); ++i) {
+        double d = static_cast<double>(a[i]) - b[i];
+        sum += d * d;
+    }
+    return sum == 0 ? INFINITY : 10 * std::log10(255.0 * 255.0 * static_cast<double>(a.size()) / sum);
+}
+
 // first, first + 1, ..., last
 inline std::vector<int> run(int first, int last) {
     std::vector<int> v;
@@ -166,16 +165,6 @@ inline std::vector<int> run(int first, int last) {
 inline std::vector<int> concat(std::vector<int> a, const std::vector<int>& b) {
     a.insert(a.end(), b.begin(), b.end());
     return a;
-}
-
-// An MPEG-4 Part 2 clip at 29.97 frames per second (every fixture frame kept,
-// only the timing changed) whose configuration differs from the trimmer's
-// encoder in its time resolution: 30000 ticks a second against 30.
-inline bool makeNtscMpeg4(const std::string& source, const std::string& out) {
-    return runTool("ffmpeg -nostdin -v error -y -i " + shellQuote(source) +
-                   " -map 0:v -map 0:a -vf 'setpts=N*1001/(30000*TB)' -r 30000/1001 -c:v mpeg4 -q:v 3 -g 30 "
-                   "-bf 0 -c:a copy -fflags +bitexact " +
-                   shellQuote(out));
 }
 
 }  // namespace kavra::test

@@ -1,5 +1,7 @@
-// kavra trim IN OUT --from TIME --to TIME [--cut] [--json]: keeps the range
-// (or, with --cut, removes it and joins the rest) into a new MP4 file.
+// kavra trim IN OUT --from TIME --to TIME [--cut] [--keep-codec] [--json]:
+// keeps the range (or, with --cut, removes it and joins the rest) into a new
+// MP4 file. --keep-codec keeps an H.264 video's codec, re-encoding only the
+// frames next to the cuts.
 // TIMEs are in the file's own timeline, as for every command; the trimmer
 // counts from the first video timestamp, so they are converted here.
 //
@@ -127,7 +129,7 @@ std::string prepareError(int code) {
 int runTrim(const std::vector<std::string>& args) {
     tool::Arguments a;
     std::string error;
-    if (!tool::parseArguments(args, {"--from", "--to"}, {"--cut", "--json"}, &a, &error)) {
+    if (!tool::parseArguments(args, {"--from", "--to"}, {"--cut", "--keep-codec", "--json"}, &a, &error)) {
         return tool::fail("trim", error);
     }
     if (a.positional.size() != 2) {
@@ -172,10 +174,13 @@ int runTrim(const std::vector<std::string>& args) {
     int64_t audio = 0;
     bool copies = false;
     long long outMs = 0;
+    std::string codec;
+    std::vector<VideoTrimer::PartCounts> parts;
     {
         // The input is opened once, by the trimmer; the range is checked
         // against what it found.
         VideoTrimer trimer(input.c_str(), temp.path().c_str());
+        trimer.setKeepVideoCodec(a.has("--keep-codec"));
         int ret = trimer.prepare();
         if (ret != 0) {
             return tool::fail(ret == -5 ? output : input, prepareError(ret));
@@ -211,6 +216,8 @@ int runTrim(const std::vector<std::string>& args) {
         encoded = trimer.videoFramesEncoded();
         audio = trimer.audioPacketsWritten();
         outMs = trimer.outputDurationUs() / 1000;
+        codec = trimer.videoCodecName();
+        parts = trimer.partCounts();
         trimer.release();
     }
     if (copied + encoded == 0) {
@@ -229,6 +236,17 @@ int runTrim(const std::vector<std::string>& args) {
         j.field("video_frames_copied", static_cast<long long>(copied));
         j.field("video_frames_encoded", static_cast<long long>(encoded));
         j.field("audio_packets", static_cast<long long>(audio));
+        if (a.has("--keep-codec")) {
+            j.field("video_codec", codec);
+            j.beginArray("parts");
+            for (const VideoTrimer::PartCounts& part : parts) {
+                j.beginObject();
+                j.field("frames_copied", static_cast<long long>(part.copied));
+                j.field("frames_encoded", static_cast<long long>(part.encoded));
+                j.endObject();
+            }
+            j.endArray();
+        }
         j.endObject();
         printf("%s\n", j.str().c_str());
     } else {
@@ -242,5 +260,5 @@ int runTrim(const std::vector<std::string>& args) {
 
 }  // namespace
 
-KAVRA_COMMAND("trim", "IN OUT --from TIME --to TIME [--cut] [--json]",
+KAVRA_COMMAND("trim", "IN OUT --from TIME --to TIME [--cut] [--keep-codec] [--json]",
               "keep the range FROM-TO of a video (or with --cut remove it) into a new MP4 file", runTrim);

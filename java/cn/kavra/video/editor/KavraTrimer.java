@@ -55,6 +55,16 @@ public class KavraTrimer implements AutoCloseable {
         mOnProgress = listener;
     }
 
+    /**
+     * Keeps an H.264 video's own codec: packets are copied from the first IDR
+     * picture at or after each cut and only the frames next to the cuts are
+     * re-encoded. Other videos are re-encoded to MPEG-4 as without it. Off by
+     * default; takes effect at the next prepare().
+     */
+    public synchronized void setKeepCodec(boolean keep) {
+        native_setKeepCodec(keep);
+    }
+
     public synchronized void setTrimRange(long startUs, long endUs) {
         native_setTrimParam(startUs, endUs);
     }
@@ -114,4 +124,6 @@ public class KavraTrimer implements AutoCloseable {
     private native void native_startTrim(int mode);
 
     private native void native_release();
+
+    private native void native_setKeepCodec(boolean keep);
 }

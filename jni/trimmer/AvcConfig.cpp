@@ -1,0 +1,218 @@
+#include "trimmer/AvcConfig.h"
+
+namespace {
+
+constexpr int kNalSps = 7;
+constexpr int kNalPps = 8;
+constexpr int kNalIdr = 5;
+
+// Reads Exp-Golomb codes from the start of a NAL unit's payload, with the
+// emulation-prevention bytes taken out.
+class BitReader {
+public:
+    BitReader(const std::vector<uint8_t>& nal, size_t from) {
+        int zeros = 0;
+        for (size_t i = from; i < nal.size() && mBytes.size() < 64; ++i) {
+            if (zeros >= 2 && nal[i] == 3) {
+                zeros = 0;
+                continue;
+            }
+            zeros = nal[i] == 0 ? zeros + 1 : 0;
+            mBytes.push_back(nal[i]);
+        }
+    }
+    int bit() {
+        if (mPos >= mBytes.size() * 8) {
+            mFailed = true;
+            return 0;
+        }
+        int b = (mBytes[mPos / 8] >> (7 - mPos % 8)) & 1;
+        ++mPos;
+        return b;
+    }
+    int ue() {
+        int zeros = 0;
+        while (bit() == 0 && !mFailed && zeros < 32) {
+            ++zeros;
+        }
+        if (mFailed || zeros >= 32) {
+            mFailed = true;
+            return -1;
+        }
+        long value = 1;
+        for (int i = 0; i < zeros; ++i) {
+            value = (value << 1) | bit();
+        }
+        return mFailed ? -1 : static_cast<int>(value - 1);
+    }
+    bool failed() const { return mFailed; }
+
+private:
+    std::vector<uint8_t> mBytes;
+    size_t mPos = 0;
+    bool mFailed = false;
+};
+
+// Start of each NAL unit of an Annex B buffer and its end (next start code
+// or the buffer's end).
+template <typename F>
+void forEachAnnexBNal(const uint8_t* data, size_t size, F f) {
+    size_t i = 0;
+    size_t start = SIZE_MAX;
+    while (i + 3 <= size) {
+        if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1) {
+            if (start != SIZE_MAX) {
+                size_t end = i;
+                while (end > start && data[end - 1] == 0) {
+                    --end;
+                }
+                f(data + start, end - start);
+            }
+            i += 3;
+            start = i;
+        } else {
+            ++i;
+        }
+    }
+    if (start != SIZE_MAX && start < size) {
+        f(data + start, size - start);
+    }
+}
+
+void putLength(std::vector<uint8_t>* out, size_t value, int bytes) {
+    for (int i = bytes - 1; i >= 0; --i) {
+        out->push_back(static_cast<uint8_t>(value >> (8 * i)));
+    }
+}
+
+}  // namespace
+
+bool AvcConfig::parse(const uint8_t* data, size_t size) {
+    if (data == nullptr || size < 4) {
+        return false;
+    }
+    return data[0] == 1 ? parseRecord(data, size) : parseAnnexB(data, size);
+}
+
+bool AvcConfig::parseRecord(const uint8_t* data, size_t size) {
+    if (size < 7) {
+        return false;
+    }
+    mProfile = data[1];
+    mCompatibility = data[2];
+    mLevel = data[3];
+    mLengthSize = (data[4] & 3) + 1;
+    size_t pos = 5;
+    auto readSets = [&](size_t count, std::vector<std::vector<uint8_t>>* sets) {
+        for (size_t n = 0; n < count; ++n) {
+            if (pos + 2 > size) {
+                return false;
+            }
+            size_t len = (static_cast<size_t>(data[pos]) << 8) | data[pos + 1];
+            pos += 2;
+            if (len == 0 || pos + len > size) {
+                return false;
+            }
+            sets->emplace_back(data + pos, data + pos + len);
+            pos += len;
+        }
+        return true;
+    };
+    if (!readSets(data[pos++] & 0x1F, &mSps) || pos >= size || !readSets(data[pos++], &mPps)) {
+        return false;
+    }
+    mExtension.assign(data + pos, data + size);
+    return !mSps.empty() && !mPps.empty() && mLengthSize != 3;
+}
+
+bool AvcConfig::parseAnnexB(const uint8_t* data, size_t size) {
+    forEachAnnexBNal(data, size, [&](const uint8_t* nal, size_t len) {
+        if (len < 2) {
+            return;
+        }
+        int type = nal[0] & 0x1F;
+        if (type == kNalSps) {
+            mSps.emplace_back(nal, nal + len);
+        } else if (type == kNalPps) {
+            mPps.emplace_back(nal, nal + len);
+        }
+    });
+    if (mSps.empty() || mPps.empty() || mSps[0].size() < 4) {
+        return false;
+    }
+    mProfile = mSps[0][1];
+    mCompatibility = mSps[0][2];
+    mLevel = mSps[0][3];
+    return true;
+}
+
+std::vector<int> AvcConfig::spsIds() const {
+    std::vector<int> ids;
+    for (const auto& s : mSps) {
+        // After the NAL header: profile_idc, the constraint flags, level_idc.
+        BitReader r(s, 4);
+        ids.push_back(r.ue());
+    }
+    return ids;
+}
+
+std::vector<int> AvcConfig::ppsIds() const {
+    std::vector<int> ids;
+    for (const auto& p : mPps) {
+        BitReader r(p, 1);
+        ids.push_back(r.ue());
+    }
+    return ids;
+}
+
+std::vector<uint8_t> AvcConfig::mergedWith(const AvcConfig& other) const {
+    std::vector<uint8_t> out = {1, mProfile, mCompatibility, mLevel, static_cast<uint8_t>(0xFC | (mLengthSize - 1))};
+    out.push_back(static_cast<uint8_t>(0xE0 | (mSps.size() + other.mSps.size())));
+    for (const auto* sets : {&mSps, &other.mSps}) {
+        for (const auto& s : *sets) {
+            putLength(&out, s.size(), 2);
+            out.insert(out.end(), s.begin(), s.end());
+        }
+    }
+    out.push_back(static_cast<uint8_t>(mPps.size() + other.mPps.size()));
+    for (const auto* sets : {&mPps, &other.mPps}) {
+        for (const auto& p : *sets) {
+            putLength(&out, p.size(), 2);
+            out.insert(out.end(), p.begin(), p.end());
+        }
+    }
+    out.insert(out.end(), mExtension.begin(), mExtension.end());
+    return out;
+}
+
+bool AvcConfig::hasIdrSlice(const uint8_t* data, size_t size, int nalLengthSize) {
+    size_t pos = 0;
+    while (pos + static_cast<size_t>(nalLengthSize) < size) {
+        size_t len = 0;
+        for (int i = 0; i < nalLengthSize; ++i) {
+            len = (len << 8) | data[pos + static_cast<size_t>(i)];
+        }
+        pos += static_cast<size_t>(nalLengthSize);
+        if (len == 0 || pos + len > size) {
+            return false;
+        }
+        if ((data[pos] & 0x1F) == kNalIdr) {
+            return true;
+        }
+        pos += len;
+    }
+    return false;
+}
+
+void AvcConfig::annexBToLengthPrefixed(const uint8_t* data, size_t size, int nalLengthSize,
+                                       std::vector<uint8_t>* out) {
+    out->clear();
+    forEachAnnexBNal(data, size, [&](const uint8_t* nal, size_t len) {
+        int type = len > 0 ? nal[0] & 0x1F : 0;
+        if (len == 0 || type == kNalSps || type == kNalPps) {
+            return;
+        }
+        putLength(out, len, nalLengthSize);
+        out->insert(out->end(), nal, nal + len);
+    });
+}
