@@ -230,5 +230,14 @@ TEST(MediaCodecVideoDecoderFormat, ASizeChangeReplacesTheSlots) {
     }
 }
 
+// 4:2:2 pictures, which the codec converts to the packed 4:2:0 it hands
+// out: every one comes out, in order.
+TEST(MediaCodecVideoDecoderFormat, OtherPixelFormatsComeOutAsPlanar420) {
+    MediaCodecVideoDecoder codec;
+    std::vector<DecodedFrame> frames = decodeStream(codec, fixture("h264_422.mp4"), 0);
+    expectWholeVideo(frames, 60);
+    EXPECT_EQ(frames[0].format, AV_PIX_FMT_YUV420P);
+}
+
 }  // namespace
 }  // namespace kavra::test
