@@ -30,8 +30,8 @@ ScopedAVFrame makeFrame(int width, int height, uint8_t value) {
     return frame;
 }
 
-// The staging record a decoder fills for a frame (moved in by reference or
-// copied, after `type`), or with `frame` null for `size` raw bytes.
+// The staging record a decoder fills for a frame (moved in by reference,
+// FRAME_BUFFER_FRAME), or with `frame` null for `size` raw bytes.
 FrameBuffer staging(int type, void* data, int size, int ptsMs, const AVFrame* frame = nullptr) {
     FrameBuffer s;
     memset(&s, 0, sizeof(s));
@@ -162,27 +162,6 @@ TEST(FrameBufferQueueFrames, FramesMoveInByReferenceAndTheRingWrapsToSlotZero) {
     EXPECT_EQ(q.getBuffer(0)->size, 0);
     EXPECT_EQ(pictureOf(q.getBuffer(0))->data[0][0], 10) << "the old frame is still there";
     q.releaseOutputBuffer();
-    q.release();
-}
-
-TEST(FrameBufferQueuePictures, PicturesAreCopiedIntoTheSlotsOwnPlanes) {
-    FrameBufferQueue q;
-    ASSERT_EQ(q.create(2, AV_PIX_FMT_YUV420P, 33, 17), 0);
-    q.start();
-    ScopedAVFrame f = makeFrame(33, 17, 77);
-    FrameBuffer s = frameRecord(f.get(), FRAME_BUFFER_PICTURE, 40);
-    ASSERT_EQ(q.queueInputBuffer(&s, 0), 0);
-    memset(f->data[0], 0, static_cast<size_t>(f->linesize[0]));  // the source is reused at once
-    ASSERT_EQ(q.dequeueOutputBufferIndex(0), 0);
-    const Picture* p = pictureOf(q.getBuffer(0));
-    EXPECT_EQ(p->linesize[0], 33) << "unpadded planes";
-    EXPECT_EQ(p->data[0][0], 77);
-    EXPECT_EQ(p->data[0][16 * 33 + 32], 77);
-    q.releaseOutputBuffer();
-    // A larger picture than the slots hold is refused, not written past them.
-    ScopedAVFrame big = makeFrame(64, 64, 1);
-    FrameBuffer bs = frameRecord(big.get(), FRAME_BUFFER_PICTURE, 0);
-    EXPECT_EQ(q.queueInputBuffer(&bs, 0), -1);
     q.release();
 }
 
