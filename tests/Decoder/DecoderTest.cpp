@@ -155,6 +155,8 @@ struct DecoderKind {
     std::unique_ptr<Decoder> (*make)();
 };
 
+void PrintTo(const DecoderKind& kind, std::ostream* os) { *os << kind.name; }
+
 const DecoderKind kSoftware{"Software", "FFmpegDecoder", [] { return std::unique_ptr<Decoder>(new FFmpegDecoder()); }};
 const DecoderKind kMediaCodec{"MediaCodec", "MediaCodecVideoDecoder",
                               [] { return std::unique_ptr<Decoder>(new MediaCodecVideoDecoder()); }};

@@ -83,17 +83,14 @@ struct Output {
     uint32_t flags;
     int32_t size;
     int index;  // drawn into the picture
-    const uint8_t* buffer;
 };
 
 // Drives a codec from one thread as a decoder thread would: queue a picture
 // whenever an input buffer is free, take every output that is ready, give
-// each output back at once. Records what comes out and in which order the
-// announcements came.
+// each output back at once. Records what comes out.
 struct Driver {
     MediaCodec& codec;
     std::vector<Output> outputs;
-    std::vector<int> events;  // -2 for a format announcement, 0 for a buffer
     bool ended = false;
     // Layout of the pictures, from the last format announced.
     int stride = 0;
@@ -125,7 +122,6 @@ struct Driver {
         MediaCodecBufferInfo info;
         ssize_t index = codec.dequeueOutputBuffer(&info, timeoutUs);
         if (index == MediaCodec::INFO_OUTPUT_FORMAT_CHANGED) {
-            events.push_back(-2);
             std::unique_ptr<MediaFormat> format = codec.getOutputFormat();
             EXPECT_TRUE(format->getInt32(MediaFormat::KEY_STRIDE, &stride));
             EXPECT_TRUE(format->getInt32(MediaFormat::KEY_SLICE_HEIGHT, &sliceHeight));
@@ -134,11 +130,10 @@ struct Driver {
         if (index < 0) {
             return false;
         }
-        events.push_back(0);
         size_t capacity = 0;
         const uint8_t* data = codec.getOutputBuffer(static_cast<size_t>(index), &capacity);
         EXPECT_NE(data, nullptr);
-        Output o{info.presentationTimeUs, info.flags, info.size, -1, data};
+        Output o{info.presentationTimeUs, info.flags, info.size, -1};
         if (info.size > 0 && data != nullptr) {
             EXPECT_GE(capacity, static_cast<size_t>(info.size));
             o.index = frameIndexFromLuma(data, stride, kWidth, kHeight);
