@@ -91,7 +91,7 @@ TEST_F(RenderManagerTest, FreeRenderingShowsAtOnceAndSetsTheClockFromTheFrame) {
 
 // Against the running clock the delay of a frame is its distance from the
 // clock, relative to the start time, never negative; a disabled stream's
-// frames are not shown, paced or not.
+// frames are not shown, paced or not, and muted audio is paced unheard.
 TEST_F(RenderManagerTest, PacedRenderingFollowsTheClockAndSkipsADisabledStream) {
     manager.setStartTime(1000);
     manager.setCurrentTime(3000);
@@ -110,6 +110,18 @@ TEST_F(RenderManagerTest, PacedRenderingFollowsTheClockAndSkipsADisabledStream) 
     renderVideoTaken(&shown);
     ASSERT_TRUE(window->waitForQueued(1, 10000));
     EXPECT_EQ(shownIndex(0), 2) << "a disabled stream's frame was shown";
+
+    // Muted audio is not heard but still takes its time, until a flush.
+    manager.openSyncRender();
+    manager.closeStreamRender(RenderManager::kStreamAudio);
+    FrameBuffer muted = audioRecord(audio[0].get(), 8000);
+    std::future<void> paced = std::async(std::launch::async, [&] {
+        manager.renderFrame(&muted, RenderManager::kStreamAudio);
+    });
+    EXPECT_EQ(paced.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout) << "muted audio did not wait";
+    manager.flush(RenderManager::kStreamAudio);
+    ASSERT_EQ(paced.wait_for(std::chrono::milliseconds(RenderManager::kMaxDelayMs / 2)), std::future_status::ready);
+    EXPECT_EQ(delivered.load(), 0) << "muted audio was heard";
 }
 
 TEST_F(RenderManagerTest, FarOffFrameTimesNeitherWrapNorHoldTheRenderThread) {
