@@ -115,6 +115,8 @@ TEST_F(RenderManagerTest, PacedRenderingFollowsTheClockAndSkipsADisabledStream) 
     manager.openSyncRender();
     manager.closeStreamRender(RenderManager::kStreamAudio);
     FrameBuffer muted = audioRecord(audio[0].get(), 8000);
+    // Closing the stream was a flush: it ends the first wait at once.
+    manager.renderFrame(&muted, RenderManager::kStreamAudio);
     std::future<void> paced = std::async(std::launch::async, [&] {
         manager.renderFrame(&muted, RenderManager::kStreamAudio);
     });
