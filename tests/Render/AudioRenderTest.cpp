@@ -5,7 +5,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
+#include <future>
 #include <thread>
 #include <vector>
 
@@ -142,6 +144,28 @@ TEST_F(AudioRenderTest, ANewCallbackReleasesTheOldOne) {
     EXPECT_EQ(second.count(), 1);
     env->DeleteWeakGlobalRef(first);
     env->DeleteLocalRef(system);
+}
+
+// One flush ends the wait before a frame, whether it comes during the wait
+// or just before it begins (a flush the producer has not seen yet); the
+// frame is still delivered.
+TEST_F(AudioRenderTest, FlushCutsTheWaitBeforeAFrameShort) {
+    Recorder recorder(env);
+    AudioRender render;
+    render.setAudioPlay(env, recorder.object());
+    FrameBuffer record = audioRecord(frames[0].get(), 0);
+    for (bool flushFirst : {false, true}) {
+        if (flushFirst) {
+            render.flush();
+        }
+        std::future<void> waiting = std::async(std::launch::async, [&] { render.renderFrame(&record, 30000); });
+        if (!flushFirst) {
+            render.flush();
+        }
+        ASSERT_EQ(waiting.wait_for(std::chrono::seconds(10)), std::future_status::ready)
+            << (flushFirst ? "a flush before the frame was lost" : "flush did not cut the wait short");
+    }
+    EXPECT_EQ(recorder.count(), 2) << "a flushed wait still delivers its frame";
 }
 
 }  // namespace
