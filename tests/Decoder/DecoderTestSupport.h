@@ -9,9 +9,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
-#include <cstring>
 #include <functional>
-#include <future>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -29,7 +27,6 @@ extern "C" {
 #include "Source/FFmpegMediaExtractor.h"
 #include "support/Fixtures.h"
 #include "support/FrameIndex.h"
-#include "support/ReferenceDecoder.h"
 #include "support/Process.h"
 
 namespace kavra::test {
@@ -274,6 +271,22 @@ inline void expectWholeVideo(const std::vector<DecodedFrame>& frames, int expect
     }
 }
 
+// Decodes one stream of a file to its end; the frames in output order.
+inline std::vector<DecodedFrame> decodeStream(Decoder& decoder, const std::string& path, int index) {
+    OpenedMedia media;
+    EXPECT_TRUE(media.open(path));
+    EXPECT_EQ(decoder.create(media.stream(index)), 0);
+    OutputCollector out(decoder.getOutputQueue());
+    out.start();
+    EXPECT_EQ(decoder.start(), 0);
+    EXPECT_GT(feedStream(media.extractor, index, decoder), 0);
+    EXPECT_TRUE(out.waitForEnd(60000)) << "no end-of-stream record";
+    out.finish();
+    EXPECT_EQ(out.afterEnd(), 0) << "nothing may follow the end-of-stream record";
+    decoder.stop();
+    return out.frames();
+}
+
 // Waits (bounded) until the condition holds.
 inline bool eventually(const std::function<bool()>& condition, int timeoutMs) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
@@ -284,140 +297,6 @@ inline bool eventually(const std::function<bool()>& condition, int timeoutMs) {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     return true;
-}
-
-// Takes one frame from the queue on the calling thread; false when none came
-// within the time-out.
-inline bool takeFrame(FrameBufferQueue* queue, DecodedFrame* out, bool* end, int timeoutMs) {
-    int index = queue->dequeueOutputBufferIndex(timeoutMs);
-    if (index < 0) {
-        return false;
-    }
-    const FrameBuffer* b = queue->getBuffer(index);
-    *end = b->size == 0;
-    *out = describeFrame(b);
-    queue->releaseOutputBuffer();
-    return true;
-}
-
-// A seek as the player makes one: the decoder is blocked on a full output
-// ring with packets still queued, it is flushed, the extractor seeks to 5 s
-// and feeding goes on. The first frame after the flush must be the key
-// frame at 5 s (index 150) and every later one must follow it: no frame
-// from before the flush may leak out.
-inline void expectFlushThenSeek(Decoder& decoder, OpenedMedia& media) {
-    FrameBufferQueue* queue = decoder.getOutputQueue();
-    ASSERT_EQ(decoder.start(), 0);
-    ASSERT_EQ(feedStream(media.extractor, media.video, decoder, nullptr, 60), 60);
-    ASSERT_TRUE(eventually([&] { return queue->getSize() == 5; }, 10000)) << "the ring never filled";
-    for (int i = 0; i < 3; ++i) {
-        DecodedFrame f;
-        bool end = false;
-        ASSERT_TRUE(takeFrame(queue, &f, &end, 5000));
-        ASSERT_FALSE(end);
-        EXPECT_EQ(f.index, i);
-    }
-    ASSERT_TRUE(eventually([&] { return queue->getSize() == 5; }, 10000)) << "the ring never filled again";
-    EXPECT_EQ(decoder.flush(), 0);
-    EXPECT_EQ(decoder.getStatus(), DECODER_STATUS_RUNNING);
-    EXPECT_EQ(queue->getSize(), 0);
-    ASSERT_GE(media.extractor.seekFrame(5000, -1, AVSEEK_FLAG_BACKWARD), 0);
-    ASSERT_GT(feedStream(media.extractor, media.video, decoder), 0);
-    std::vector<DecodedFrame> after;
-    for (;;) {
-        DecodedFrame f;
-        bool end = false;
-        ASSERT_TRUE(takeFrame(queue, &f, &end, 10000)) << "stalled after " << after.size() << " frames";
-        if (end) {
-            break;
-        }
-        after.push_back(f);
-    }
-    ASSERT_EQ(after.size(), 150u);
-    EXPECT_EQ(after[0].index, 150);
-    EXPECT_EQ(after[0].ptsMs, 5000);
-    for (size_t i = 0; i < after.size(); ++i) {
-        ASSERT_EQ(after[i].index, 150 + static_cast<int>(i));
-    }
-}
-
-// stop() while the decoding thread is blocked handing a frame to a full
-// ring returns promptly, and a later flush() does not wait.
-inline void expectPromptStop(Decoder& decoder, OpenedMedia& media) {
-    FrameBufferQueue* queue = decoder.getOutputQueue();
-    ASSERT_EQ(decoder.start(), 0);
-    ASSERT_EQ(feedStream(media.extractor, media.video, decoder, nullptr, 60), 60);
-    ASSERT_TRUE(eventually([&] { return queue->getSize() == 5; }, 10000));
-    std::future<int> stopped = std::async(std::launch::async, [&] { return decoder.stop(); });
-    ASSERT_EQ(stopped.wait_for(std::chrono::seconds(5)), std::future_status::ready) << "stop() hangs";
-    EXPECT_EQ(stopped.get(), 0);
-    EXPECT_EQ(decoder.getStatus(), DECODER_STATUS_STOPPED);
-    std::future<int> flushed = std::async(std::launch::async, [&] { return decoder.flush(); });
-    ASSERT_EQ(flushed.wait_for(std::chrono::seconds(5)), std::future_status::ready) << "flush() after stop waits";
-    EXPECT_EQ(decoder.getStatus(), DECODER_STATUS_STOPPED);
-    EXPECT_EQ(decoder.queueInputBuffer(nullptr, 0), -3) << "a stopped decoder takes nothing";
-}
-
-// After the end of the stream, the same packets fed again (the extractor
-// rewound, no flush in between, as a restart from the beginning does)
-// decode completely once more.
-inline void expectReplayAfterEnd(Decoder& decoder, OpenedMedia& media) {
-    OutputCollector out(decoder.getOutputQueue());
-    out.start();
-    ASSERT_EQ(decoder.start(), 0);
-    ASSERT_EQ(feedStream(media.extractor, media.video, decoder), 300);
-    ASSERT_TRUE(out.waitForEnd(30000));
-    ASSERT_GE(media.extractor.seekFrame(0, -1, AVSEEK_FLAG_BACKWARD), 0);
-    ASSERT_EQ(feedStream(media.extractor, media.video, decoder), 300);
-    ASSERT_TRUE(out.waitForEnd(30000, 2)) << "no second end-of-stream record";
-    out.finish();
-    std::vector<DecodedFrame> frames = out.frames();
-    ASSERT_EQ(frames.size(), 600u);
-    for (size_t i = 0; i < frames.size(); ++i) {
-        ASSERT_EQ(frames[i].index, static_cast<int>(i % 300)) << "frame " << i;
-    }
-}
-
-// Makes a packet's first four bytes 0xFF: for length-prefixed H.264 a NAL
-// unit longer than the packet.
-inline void damagePacket(AVPacket* pkt) {
-    ASSERT_EQ(av_packet_make_writable(pkt), 0);
-    ASSERT_GE(pkt->size, 4);
-    memset(pkt->data, 0xFF, 4);
-}
-
-// How many log lines of the tag start with the prefix.
-template <typename Log>
-int countPrefixed(const Log& log, const std::string& tag, const std::string& prefix) {
-    int n = 0;
-    for (const std::string& m : log.messages(tag)) {
-        n += m.compare(0, prefix.size(), prefix) == 0 ? 1 : 0;
-    }
-    return n;
-}
-
-// A packet damaged in the middle of the stream (packet 45 in decode order,
-// a reference picture of the second group of pictures) is logged under
-// `tag` as "decoder error:%d" and decoding goes on to the last frame.
-template <typename Log>
-void expectDamagedPacketLoggedAndSkipped(Decoder& decoder, OpenedMedia& media, const Log& log, const std::string& tag) {
-    OutputCollector out(decoder.getOutputQueue());
-    out.start();
-    ASSERT_EQ(decoder.start(), 0);
-    ASSERT_EQ(feedStream(media.extractor, media.video, decoder,
-                         [](int n, AVPacket* pkt) {
-                             if (n == 45) {
-                                 damagePacket(pkt);
-                             }
-                         }),
-              300);
-    ASSERT_TRUE(out.waitForEnd(30000));
-    EXPECT_TRUE(log.contains(tag, "decoder error:" + std::to_string(AVERROR_INVALIDDATA)));
-    std::vector<DecodedFrame> frames = out.frames();
-    ASSERT_FALSE(frames.empty());
-    EXPECT_GE(frames.size(), 290u);
-    EXPECT_EQ(frames.back().index, 299) << "decoding must go on to the end";
-    EXPECT_EQ(frames.front().index, 0);
 }
 
 }  // namespace kavra::test
