@@ -94,7 +94,8 @@ struct Clip {
     int mimeId;
 };
 
-// The last one is only for what the item reports.
+// The strips run on every clip but the last, which only checks what the item
+// reports.
 const Clip kClips[] = {
     {"h264_aac.mp4", 320, 240, 0, 28},   {"h264_aac_rot90.mp4", 240, 320, 90, 28},
     {"mpeg4.mp4", 320, 240, 0, 13},      {"mpeg4_bframes.mp4", 320, 240, 0, 13},
