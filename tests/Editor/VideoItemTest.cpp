@@ -1,53 +1,131 @@
-// The editor item: thumbnail strips, key-frame grabs, snapshots, pixel
-// layout and turns, cancel and release from other threads, bad files.
+// The editor item: what it reports, thumbnail strips, key-frame grabs,
+// snapshots, turns, cancel and release from other threads, bad files.
 // Every check reads the frame index drawn into the fixture pictures.
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <atomic>
 #include <chrono>
+#include <cmath>
+#include <functional>
 #include <future>
+#include <memory>
 #include <thread>
 
-#include "EditorTestSupport.h"
 #include "editor/VideoItem.h"
+#include "support/Ffprobe.h"
+#include "support/Fixtures.h"
+#include "support/FrameIndex.h"
 #include "support/LogCapture.h"
+#include "support/Process.h"
+#include "support/ScratchDir.h"
 
 namespace kavra::test {
 namespace {
 
 using namespace std::chrono_literals;
 
+// Every fixture runs at 30 fps with a key frame every 30 frames; frame n is
+// presented at firstFrameMs + n x 1000 / 30.
+constexpr int kFixtureFrames = 300;
+
+double firstFrameMs(const std::string& name) {
+    return Ffprobe(fixture(name), "-select_streams v:0").streamNumber(0, "start_time", 0.0) * 1000.0;
+}
+
+// The key frame at or before `targetMs` (frame 0 for earlier targets).
+int keyFrameAtOrBefore(double targetMs, double firstMs) {
+    const double frames = (targetMs - firstMs) * 30.0 / 1000.0;
+    return frames < 0 ? 0 : std::min(static_cast<int>(std::floor(frames + 1e-6)), kFixtureFrames - 1) / 30 * 30;
+}
+
+// The first frame presented at or after `targetMs` (the last frame when the
+// clip ends before it).
+int frameAtOrAfter(double targetMs, double firstMs) {
+    const double frames = (targetMs - firstMs) * 30.0 / 1000.0;
+    return frames <= 0 ? 0 : std::min(static_cast<int>(std::ceil(frames - 1e-6)), kFixtureFrames - 1);
+}
+
+std::unique_ptr<VideoItem> openItem(const std::string& name, bool singleThread = false) {
+    auto item = std::make_unique<VideoItem>();
+    EXPECT_EQ(item->setSource(fixture(name).c_str(), singleThread), 0) << name;
+    return item;
+}
+
 int rgbaBytes(int width, int height) { return width * height * 4; }
 
-// The frame indices a strip showed, on a 160x120 thumbnail.
+// The frame index shown by RGBA pixels (one int each) in display orientation.
+int frameOf(const std::vector<int>& pixels, int width, int height, int rotation = 0) {
+    return frameIndexFromRgba(reinterpret_cast<const uint8_t*>(pixels.data()), width * 4, width, height, rotation);
+}
+
+// Hands each thumbnail to a function.
+class FunctionSink : public ThumbnailSink {
+public:
+    explicit FunctionSink(std::function<bool(int, int)> fn) : mFn(std::move(fn)) {}
+    bool onThumbnail(int index, int ptsMs) override { return mFn(index, ptsMs); }
+
+private:
+    std::function<bool(int, int)> mFn;
+};
+
+// The frame each thumbnail of a strip showed, on a 160x120 thumbnail.
 std::vector<int> stripFrames(VideoItem& item, int startMs, int endMs, int count) {
     item.setItemParameters(startMs, endMs, count, 160, 120, true);
     std::vector<int> dst(160 * 120);
-    RecordingSink sink(&dst, 160, 120, 0);
-    EXPECT_EQ(item.getThumbnailList(dst.data(), rgbaBytes(160, 120), sink), 0);
     std::vector<int> frames;
-    for (const auto& c : sink.calls()) {
-        frames.push_back(c.frame);
-    }
+    FunctionSink sink([&](int, int) {
+        frames.push_back(frameOf(dst, 160, 120));
+        return true;
+    });
+    EXPECT_EQ(item.getThumbnailList(dst.data(), rgbaBytes(160, 120), sink), 0);
     return frames;
 }
 
 // ---------------------------------------------------------------------------
-// Thumbnail strips
+// What the item reports, and thumbnail strips
+
+struct Clip {
+    const char* name;
+    int width;  // display orientation
+    int height;
+    int rotation;
+    int mimeId;
+};
+
+// The strips run on every clip but the last, which only checks what the item
+// reports.
+const Clip kClips[] = {
+    {"h264_aac.mp4", 320, 240, 0, 28},   {"h264_aac_rot90.mp4", 240, 320, 90, 28},
+    {"mpeg4.mp4", 320, 240, 0, 13},      {"mpeg4_bframes.mp4", 320, 240, 0, 13},
+    {"hevc.mp4", 320, 240, 0, 0x48323635}, {"vp9.webm", 320, 240, 0, 169},
+    {"odd_size.mp4", 321, 241, 0, 13},   {"late_start.ts", 320, 240, 0, 28},
+    // A "rotate" tag that is not a number reads as no rotation.
+    {"bad_rotate.mkv", 320, 240, 0, 28},
+};
+
+class VideoItemFacts : public ::testing::TestWithParam<Clip> {};
+
+TEST_P(VideoItemFacts, ReportsDisplaySizeRotationRateDurationAndCodec) {
+    const Clip& c = GetParam();
+    auto item = openItem(c.name);
+    EXPECT_EQ(item->getWidth(), c.width);
+    EXPECT_EQ(item->getHeight(), c.height);
+    EXPECT_EQ(item->getRotation(), c.rotation);
+    EXPECT_EQ(item->getVideoMimeID(), c.mimeId);
+    EXPECT_EQ(item->getFrameRate(), 30);
+    Ffprobe probe(fixture(c.name));
+    EXPECT_EQ(item->getDuration(), static_cast<int>(std::llround(probe.number("format.duration") * 1000000) / 1000));
+}
+
+INSTANTIATE_TEST_SUITE_P(Fixtures, VideoItemFacts, ::testing::ValuesIn(kClips), FixtureName());
 
 struct Strip {
     const char* label;
     int startMs;  // relative to the first frame
     int endMs;
     int count;
-};
-
-struct StripFixture {
-    const char* name;
-    int width;  // requested, display orientation
-    int height;
-    int rotation;
 };
 
 const Strip kStrips[] = {
@@ -57,48 +135,49 @@ const Strip kStrips[] = {
     {"OnKeyFrames", 0, 9000, 10},  // every target exactly on a key frame
 };
 
-const StripFixture kStripFixtures[] = {
-    {"h264_aac.mp4", 160, 120, 0},  {"h264_aac_rot90.mp4", 120, 160, 90}, {"mpeg4.mp4", 160, 120, 0},
-    {"mpeg4_bframes.mp4", 160, 120, 0}, {"hevc.mp4", 160, 120, 0},       {"vp9.webm", 160, 120, 0},
-    {"odd_size.mp4", 161, 121, 0},  {"late_start.ts", 160, 120, 0},
-};
+class VideoItemStrip : public ::testing::TestWithParam<std::tuple<Clip, Strip, bool>> {};
 
-class VideoItemStrip : public ::testing::TestWithParam<std::tuple<StripFixture, Strip, bool>> {};
-
+// Thumbnails are half the display size (rounded up), turned like the clip.
 TEST_P(VideoItemStrip, ThumbnailIShowsTheKeyFrameAtOrBeforeItsTarget) {
-    const auto& [fx, strip, singleThread] = GetParam();
-    const double first = firstFrameMs(fx.name);
+    const auto& [clip, strip, singleThread] = GetParam();
+    const int width = (clip.width + 1) / 2;
+    const int height = (clip.height + 1) / 2;
+    const double first = firstFrameMs(clip.name);
     const int start = static_cast<int>(first) + strip.startMs;
     const int end = static_cast<int>(first) + strip.endMs;
-    auto item = openItem(fx.name, singleThread);
-    item->setItemParameters(start, end, strip.count, fx.width, fx.height, true);
+    auto item = openItem(clip.name, singleThread);
+    item->setItemParameters(start, end, strip.count, width, height, true);
 
-    std::vector<int> dst(static_cast<size_t>(fx.width) * fx.height, 0);
-    RecordingSink sink(&dst, fx.width, fx.height, fx.rotation);
-    ASSERT_EQ(item->getThumbnailList(dst.data(), rgbaBytes(fx.width, fx.height), sink), 0);
+    std::vector<int> dst(static_cast<size_t>(width) * height, 0);
+    std::vector<std::array<int, 3>> calls;  // index, pts, frame shown
+    FunctionSink sink([&](int index, int ptsMs) {
+        calls.push_back({index, ptsMs, frameOf(dst, width, height, clip.rotation)});
+        return true;
+    });
+    ASSERT_EQ(item->getThumbnailList(dst.data(), rgbaBytes(width, height), sink), 0);
 
-    auto calls = sink.calls();
     ASSERT_EQ(calls.size(), static_cast<size_t>(strip.count));
     const int interval = strip.count == 1 ? 0 : (end - start) / (strip.count - 1);
     for (int i = 0; i < strip.count; ++i) {
         SCOPED_TRACE("thumbnail " + std::to_string(i));
         const int target = start + i * interval;
         const int expected = keyFrameAtOrBefore(target, first);
-        EXPECT_EQ(calls[i].index, i);
-        EXPECT_EQ(calls[i].frame, expected) << "target " << target << " ms";
-        EXPECT_NEAR(calls[i].ptsMs, first + expected * 1000.0 / 30, 1.0);
+        EXPECT_EQ(calls[i][0], i);
+        EXPECT_NEAR(calls[i][1], first + expected * 1000.0 / 30, 1.0);
+        EXPECT_EQ(calls[i][2], expected) << "target " << target << " ms";
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Fixtures, VideoItemStrip,
-    ::testing::Combine(::testing::ValuesIn(kStripFixtures), ::testing::ValuesIn(kStrips), ::testing::Bool()),
-    [](const auto& info) {
-        return testName(std::string(std::get<0>(info.param).name) + "_" + std::get<1>(info.param).label +
-                        (std::get<2>(info.param) ? "_SingleThread" : "_Threads"));
-    });
+INSTANTIATE_TEST_SUITE_P(Fixtures, VideoItemStrip,
+                         ::testing::Combine(::testing::ValuesIn(std::begin(kClips), std::end(kClips) - 1),
+                                            ::testing::ValuesIn(kStrips), ::testing::Bool()),
+                         [](const auto& info) {
+                             return testName(std::string(std::get<0>(info.param).name) + "_" +
+                                             std::get<1>(info.param).label +
+                                             (std::get<2>(info.param) ? "_SingleThread" : "_Threads"));
+                         });
 
-TEST(VideoItemStripEdges, TargetsBeforeTheFirstFrameOrPastTheEndShowTheNearestKeyFrame) {
+TEST(VideoItemStripEdges, TargetsOutsideTheClipNoThumbnailsAndNoSize) {
     // The transport stream starts near 1.4 s; a strip from 0 still shows
     // pictures, the early targets the first key frame.
     const double first = firstFrameMs("late_start.ts");
@@ -111,26 +190,36 @@ TEST(VideoItemStripEdges, TargetsBeforeTheFirstFrameOrPastTheEndShowTheNearestKe
     // Targets far past the end each seek to the last key frame.
     EXPECT_EQ(stripFrames(*openItem("mpeg4.mp4"), 9500, 30000, 4), std::vector<int>(4, 270));
     EXPECT_TRUE(stripFrames(*openItem("h264_aac.mp4"), 0, 9000, 0).empty());
-}
 
-TEST(VideoItemStripEdges, SizeBelowOneFallsBackToTheCodedSize) {
-    auto full = openItem("h264_aac.mp4");
-    full->setItemParameters(3000, 3000, 1, 0, 0, true);
+    // A size below one falls back to the coded size.
+    auto item = openItem("h264_aac.mp4");
+    item->setItemParameters(3000, 3000, 1, 0, 0, true);
     std::vector<int> dst(320 * 240);
-    RecordingSink sink(&dst, 320, 240, 0);
-    ASSERT_EQ(full->getThumbnailList(dst.data(), rgbaBytes(320, 240), sink), 0);
-    ASSERT_EQ(sink.calls().size(), 1u);
-    EXPECT_EQ(sink.calls()[0].frame, 90);
+    std::vector<int> frames;
+    FunctionSink sink([&](int, int) {
+        frames.push_back(frameOf(dst, 320, 240));
+        return true;
+    });
+    ASSERT_EQ(item->getThumbnailList(dst.data(), rgbaBytes(320, 240), sink), 0);
+    EXPECT_EQ(frames, std::vector<int>{90});
 }
 
-TEST(VideoItemStripEdges, ADestinationTooSmallForTheThumbnailIsRefused) {
-    LogCapture log;
+TEST(VideoItemStripEdges, DestinationsOfTheWrongSizeAreRefused) {
     auto item = openItem("h264_aac_rot90.mp4");
-    item->setItemParameters(0, 9000, 4, 90, 160, true);
-    std::vector<int> dst(90 * 160 - 1);
-    FunctionSink sink([](int, int) { return true; });
-    EXPECT_EQ(item->getThumbnailList(dst.data(), static_cast<int>(dst.size() * 4), sink), -1);
-    EXPECT_TRUE(log.contains("JNI_VideoItem", "get_thumbnaillist->dstArray size 57596 is smaller than 57600"));
+    {
+        LogCapture log;
+        item->setItemParameters(0, 9000, 4, 90, 160, true);
+        std::vector<int> dst(90 * 160 - 1);
+        FunctionSink sink([](int, int) { return true; });
+        EXPECT_EQ(item->getThumbnailList(dst.data(), static_cast<int>(dst.size() * 4), sink), -1);
+        EXPECT_TRUE(log.contains("JNI_VideoItem", "get_thumbnaillist->dstArray size 57596 is smaller than 57600"));
+    }
+    for (int delta : {-1, 1}) {
+        LogCapture log;
+        std::vector<int> dst(90 * 160 + delta);
+        EXPECT_EQ(item->getKeyFrameAt(dst.data(), static_cast<int>(dst.size() * 4), 90, 160, 1000), -1);
+        EXPECT_TRUE(log.contains("JNI_VideoItem", "avpicture_get_size is bigger than dstArray size."));
+    }
 }
 
 // ---------------------------------------------------------------------------
@@ -145,17 +234,13 @@ class VideoItemKeyFrame : public ::testing::TestWithParam<Grab> {};
 
 TEST_P(VideoItemKeyFrame, GrabsTheKeyFrameAtOrBeforeTheTimeInDisplayOrientation) {
     const Grab& g = GetParam();
-    {
-        auto item = openItem("h264_aac.mp4");
-        std::vector<int> dst(200 * 150);
-        ASSERT_EQ(item->getKeyFrameAt(dst.data(), rgbaBytes(200, 150), 200, 150, g.timeMs), 0);
-        EXPECT_EQ(frameIndexFromRgba(reinterpret_cast<uint8_t*>(dst.data()), 200 * 4, 200, 150), g.expected);
-    }
-    {
-        auto item = openItem("h264_aac_rot90.mp4");
-        std::vector<int> dst(150 * 200);
-        ASSERT_EQ(item->getKeyFrameAt(dst.data(), rgbaBytes(150, 200), 150, 200, g.timeMs), 0);
-        EXPECT_EQ(frameIndexFromRgba(reinterpret_cast<uint8_t*>(dst.data()), 150 * 4, 150, 200, 90), g.expected);
+    for (const auto& [name, width, height, rotation] :
+         {std::tuple("h264_aac.mp4", 200, 150, 0), std::tuple("h264_aac_rot90.mp4", 150, 200, 90)}) {
+        SCOPED_TRACE(name);
+        auto item = openItem(name);
+        std::vector<int> dst(width * height);
+        ASSERT_EQ(item->getKeyFrameAt(dst.data(), rgbaBytes(width, height), width, height, g.timeMs), 0);
+        EXPECT_EQ(frameOf(dst, width, height, rotation), g.expected);
     }
 }
 
@@ -169,51 +254,66 @@ INSTANTIATE_TEST_SUITE_P(Times, VideoItemKeyFrame,
                              return t < 0 ? "Minus" + std::to_string(-t) : "At" + std::to_string(t);
                          });
 
-TEST(VideoItemKeyFrameEdges, AnArrayOneElementShortOrLongIsRefused) {
-    auto item = openItem("h264_aac_rot90.mp4");
-    for (int delta : {-1, 1}) {
-        LogCapture log;
-        std::vector<int> dst(90 * 160 + delta);
-        EXPECT_EQ(item->getKeyFrameAt(dst.data(), static_cast<int>(dst.size() * 4), 90, 160, 1000), -1);
-        EXPECT_TRUE(log.contains("JNI_VideoItem", "avpicture_get_size is bigger than dstArray size."));
-    }
-}
-
-TEST(VideoItemKeyFrameEdges, GrabsRepeatOnOneItemBeforeAndAfterAStrip) {
-    auto item = openItem("hevc.mp4");
-    std::vector<int> dst(160 * 120);
-    auto grab = [&](int t) {
-        EXPECT_EQ(item->getKeyFrameAt(dst.data(), rgbaBytes(160, 120), 160, 120, t), 0);
-        return frameIndexFromRgba(reinterpret_cast<uint8_t*>(dst.data()), 160 * 4, 160, 120);
-    };
-    EXPECT_EQ(grab(7200), 210);
-    EXPECT_EQ(grab(1100), 30);
-    item->setItemParameters(0, 9000, 4, 160, 120, true);
-    RecordingSink sink(&dst, 160, 120, 0);
-    ASSERT_EQ(item->getThumbnailList(dst.data(), rgbaBytes(160, 120), sink), 0);
-    EXPECT_EQ(sink.calls().size(), 4u);
-    EXPECT_EQ(grab(5000), 150);
-    EXPECT_EQ(grab(0), 0);
-}
-
 TEST(VideoItemKeyFrameEdges, PixelsAreOpaqueRgbaInMemoryOrder) {
-    TempDir dir;
+    ScratchDir dir;
     const std::string clip = dir.file("red.mp4");
-    // Pure red: R in the lowest byte of each int, alpha in the highest.
     ASSERT_EQ(runCommand("ffmpeg -v error -nostdin -f lavfi -i color=c=0xFF0000:size=64x48:rate=30:duration=1 "
-                         "-c:v libx264 -pix_fmt yuv420p " +
-                         shellQuote(clip))
-                  .status,
-              0);
-    auto item = std::make_unique<VideoItem>();
-    ASSERT_EQ(item->setSource(clip.c_str(), true), 0);
+                         "-c:v libx264 -pix_fmt yuv420p " + shellQuote(clip)).status, 0);
+    VideoItem item;
+    ASSERT_EQ(item.setSource(clip.c_str(), true), 0);
     std::vector<int> dst(32 * 24);
-    ASSERT_EQ(item->getKeyFrameAt(dst.data(), rgbaBytes(32, 24), 32, 24, 0), 0);
-    uint32_t pixel = static_cast<uint32_t>(dst[12 * 32 + 16]);
+    ASSERT_EQ(item.getKeyFrameAt(dst.data(), rgbaBytes(32, 24), 32, 24, 0), 0);
+    // Pure red: R in the lowest byte of each int, alpha in the highest.
+    const uint32_t pixel = static_cast<uint32_t>(dst[12 * 32 + 16]);
     EXPECT_EQ(pixel >> 24, 0xFFu) << std::hex << pixel;
     EXPECT_GT(pixel & 0xFF, 230u) << std::hex << pixel;
     EXPECT_LT((pixel >> 8) & 0xFF, 25u) << std::hex << pixel;
     EXPECT_LT((pixel >> 16) & 0xFF, 25u) << std::hex << pixel;
+}
+
+// Decodes one picture of a fixture through the item's own reader.
+class DecodedItem : public VideoItem {
+public:
+    // The first picture decoded from the key frame at or before timeMs.
+    AVFrame* decodeAt(int timeMs) {
+        if (seekFrame(timeMs, -1, AVSEEK_FLAG_BACKWARD) < 0) {
+            return nullptr;
+        }
+        kavra::ScopedAVPacket packet = kavra::makeScopedAVPacket();
+        int got = 0;
+        while (!got && readFrame(packet.get()) >= 0) {
+            if (packet->stream_index == getVideoStreamIndex()) {
+                decodeVideo(&got, packet.get());
+            }
+            av_packet_unref(packet.get());
+        }
+        return got ? pVideoFrame.get() : nullptr;
+    }
+};
+
+// Frame 210 reads differently mirrored, so a flip cannot pass for a turn.
+TEST(VideoItemKeyFrameEdges, ConversionTurnsByQuarterTurnsAndCopiesForAnyOtherAngle) {
+    DecodedItem item;
+    ASSERT_EQ(item.setSource(fixture("h264_aac.mp4").c_str(), true), 0);
+    AVFrame* frame = item.decodeAt(7000);
+    ASSERT_NE(frame, nullptr);
+    const int w = 200;
+    const int h = 150;
+    std::vector<int> upright(w * h);
+    ASSERT_EQ(item.YUV420PToRGBA(frame, upright.data(), w, h, 0), 0);
+    EXPECT_EQ(frameOf(upright, w, h), 210);
+    for (int angle : {360, -90, 45, 90, 180, 270}) {
+        SCOPED_TRACE(angle);
+        std::vector<int> turned(w * h);
+        ASSERT_EQ(item.YUV420PToRGBA(frame, turned.data(), w, h, angle), 0);
+        if (angle % 90 != 0 || angle < 0 || angle >= 360) {
+            EXPECT_EQ(turned, upright);
+        } else if (angle == 180) {
+            EXPECT_EQ(frameOf(turned, w, h, angle), 210);
+        } else {
+            EXPECT_EQ(frameOf(turned, h, w, angle), 210);
+        }
+    }
 }
 
 // ---------------------------------------------------------------------------
@@ -231,17 +331,15 @@ TEST_P(VideoItemSnapshot, WritesTheFirstFrameAtOrAfterTheTimeAsACodedSizeJpeg) {
     const auto& [fx, relativeMs] = GetParam();
     const double first = firstFrameMs(fx.name);
     const int t = static_cast<int>(first) + relativeMs;
-    TempDir dir;
+    ScratchDir dir;
     const std::string shot = dir.file("shot.jpg");
-    auto item = openItem(fx.name);
-    ASSERT_EQ(item->snapShot(shot.c_str(), t), 0);
-    int width = 0;
-    int height = 0;
-    EXPECT_EQ(frameIndexOfImage(shot, &width, &height), frameAtOrAfter(t, first)) << "time " << t;
-    EXPECT_EQ(width, fx.codedWidth);
-    EXPECT_EQ(height, fx.codedHeight);
-    Ffprobe probe(shot);
-    EXPECT_EQ(probe.stream(0, "codec_name"), "mjpeg");
+    ASSERT_EQ(openItem(fx.name)->snapShot(shot.c_str(), t), 0);
+    RgbaImage image = decodeImage(shot);
+    EXPECT_EQ(image.width, fx.codedWidth);
+    ASSERT_EQ(image.height, fx.codedHeight);
+    EXPECT_EQ(frameIndexFromRgba(image.at(0, 0), image.width * 4, image.width, image.height), frameAtOrAfter(t, first))
+        << "time " << t;
+    EXPECT_EQ(Ffprobe(shot).stream(0, "codec_name"), "mjpeg");
 }
 
 // Frame n is shown from n x 33.3 ms: most times fall between frames, 0 and
@@ -289,7 +387,7 @@ TEST(VideoItemThreads, KeyFrameGrabsDuringAStripLeaveItIntact) {
     std::vector<int> dst(160 * 120);
     auto grab = [&](std::vector<int>& pixels, int timeMs) {
         int ret = item->getKeyFrameAt(pixels.data(), rgbaBytes(160, 120), 160, 120, timeMs);
-        return ret != 0 ? -1 : frameIndexFromRgba(reinterpret_cast<uint8_t*>(pixels.data()), 160 * 4, 160, 120);
+        return ret != 0 ? -1 : frameOf(pixels, 160, 120);
     };
     std::atomic<bool> stripDone{false};
     std::atomic<int> otherGrabs{0};
@@ -304,7 +402,7 @@ TEST(VideoItemThreads, KeyFrameGrabsDuringAStripLeaveItIntact) {
     std::vector<int> shown;
     std::vector<int> grabbed;
     FunctionSink sink([&](int index, int) {
-        shown.push_back(frameIndexFromRgba(reinterpret_cast<uint8_t*>(dst.data()), 160 * 4, 160, 120));
+        shown.push_back(frameOf(dst, 160, 120));
         if (index == 0) {
             // The other thread grabs while the strip runs.
             for (int i = 0; i < 2000 && otherGrabs < 1; ++i) {
@@ -336,14 +434,12 @@ TEST(VideoItemThreads, ReleaseDuringAStripReturnsAfterTheStripAndOnlyOnce) {
     item->setItemParameters(0, 9000, 10, 160, 120, true);
     std::vector<int> dst(160 * 120);
     std::atomic<bool> releaseReturned{false};
-    std::atomic<int> callsAfterRelease{0};
     std::future<bool> released;
     int calls = 0;
+    int callsAfterRelease = 0;
     FunctionSink sink([&](int index, int) {
         ++calls;
-        if (releaseReturned) {
-            ++callsAfterRelease;
-        }
+        callsAfterRelease += releaseReturned ? 1 : 0;
         if (index == 0) {
             released = std::async(std::launch::async, [&] {
                 bool r = item->release();
@@ -375,8 +471,8 @@ TEST(VideoItemThreads, ABusyItemTurnsAwayOtherCallsWithTheirWarnings) {
     item->setItemParameters(0, 9000, 3, 160, 120, true);
     std::vector<int> dst(160 * 120);
     std::vector<int> other(160 * 120);
-    RecordingSink recorder(&dst, 160, 120, 0);
-    FunctionSink sink([&](int index, int pts) {
+    std::vector<int> frames;
+    FunctionSink sink([&](int index, int) {
         if (index == 0) {
             std::thread([&] {
                 FunctionSink none([](int, int) { return true; });
@@ -386,12 +482,11 @@ TEST(VideoItemThreads, ABusyItemTurnsAwayOtherCallsWithTheirWarnings) {
                 EXPECT_EQ(item->snapShot("/dev/null", 0), -1);
             }).join();
         }
-        return recorder.onThumbnail(index, pts);
+        frames.push_back(frameOf(dst, 160, 120));
+        return true;
     });
     ASSERT_EQ(item->getThumbnailList(dst.data(), rgbaBytes(160, 120), sink), 0);
-    auto calls = recorder.calls();
-    ASSERT_EQ(calls.size(), 3u) << "the strip's parameters stayed as they were";
-    EXPECT_EQ(calls[2].frame, 270);
+    EXPECT_EQ(frames, (std::vector<int>{0, 120, 270})) << "the strip's parameters stayed as they were";
     EXPECT_EQ(log.count("JNI_VideoItem", "get_thumbnaillist->tryluckMutex fail"), 1);
     EXPECT_EQ(log.count("JNI_VideoItem", "setSource->tryluckMutex fail"), 1);
     EXPECT_EQ(log.count("JNI_VideoItem", "setItemParameters->tryluckMutex fail"), 2);
@@ -405,8 +500,7 @@ TEST(VideoItemBadFiles, FilesThatDoNotOpenFailEveryJobCleanly) {
         SCOPED_TRACE(name);
         LogCapture log;
         VideoItem item;
-        const std::string path = fixture(name);
-        EXPECT_LT(item.setSource(path.c_str(), false), 0);
+        EXPECT_LT(item.setSource(fixture(name).c_str(), false), 0);
         EXPECT_EQ(item.getWidth(), 0);
         std::vector<int> dst(160 * 120);
         EXPECT_LT(item.getKeyFrameAt(dst.data(), rgbaBytes(160, 120), 160, 120, 1000), 0);
@@ -416,7 +510,7 @@ TEST(VideoItemBadFiles, FilesThatDoNotOpenFailEveryJobCleanly) {
             return true;
         });
         EXPECT_EQ(item.getThumbnailList(dst.data(), rgbaBytes(160, 120), sink), 0);
-        TempDir dir;
+        ScratchDir dir;
         EXPECT_EQ(item.snapShot(dir.file("x.jpg").c_str(), 1000), -1);
         EXPECT_TRUE(log.contains("JNI_VideoItem", "snapShot->getPacketFrame error"));
     }
@@ -424,102 +518,30 @@ TEST(VideoItemBadFiles, FilesThatDoNotOpenFailEveryJobCleanly) {
 
 TEST(VideoItemBadFiles, ATruncatedFileServesWhatItHolds) {
     // The header survives, the media data stops after about 60 % of the bytes.
-    auto item = openItem("truncated.mp4");
-    item->setItemParameters(0, 9000, 4, 160, 120, true);
-    std::vector<int> dst(160 * 120);
-    RecordingSink sink(&dst, 160, 120, 0);
-    ASSERT_EQ(item->getThumbnailList(dst.data(), rgbaBytes(160, 120), sink), 0);
-    auto calls = sink.calls();
-    ASSERT_GE(calls.size(), 2u);
-    EXPECT_EQ(calls[0].frame, 0);
-    EXPECT_EQ(calls[1].frame, 90);
+    std::vector<int> frames = stripFrames(*openItem("truncated.mp4"), 0, 9000, 4);
+    ASSERT_GE(frames.size(), 2u);
+    EXPECT_EQ(frames[0], 0);
+    EXPECT_EQ(frames[1], 90);
 
     LogCapture log;
     auto grabber = openItem("truncated.mp4");
+    std::vector<int> dst(160 * 120);
     EXPECT_EQ(grabber->getKeyFrameAt(dst.data(), rgbaBytes(160, 120), 160, 120, 3000), 0);
-    EXPECT_EQ(frameIndexFromRgba(reinterpret_cast<uint8_t*>(dst.data()), 160 * 4, 160, 120), 90);
+    EXPECT_EQ(frameOf(dst, 160, 120), 90);
     int ret = grabber->getKeyFrameAt(dst.data(), rgbaBytes(160, 120), 160, 120, 9500);
     EXPECT_LT(ret, 0);
     EXPECT_TRUE(log.contains("JNI_VideoItem", "readFrame error:" + std::to_string(ret)));
 
     // A snapshot past the data shows the last picture the file holds.
-    CommandResult frames = runCommand("ffprobe -v quiet -select_streams v:0 -show_entries frame=pts_time -of csv=p=0 " +
-                                      shellQuote(fixture("truncated.mp4")) + " | tail -n 1");
-    ASSERT_EQ(frames.status, 0);
-    const int lastFrame = static_cast<int>(std::lround(std::stod(frames.output) * 30));
-    TempDir dir;
-    auto shooter = openItem("truncated.mp4");
-    ASSERT_EQ(shooter->snapShot(dir.file("x.jpg").c_str(), 9500), 0);
-    int width = 0;
-    int height = 0;
-    EXPECT_EQ(frameIndexOfImage(dir.file("x.jpg"), &width, &height), lastFrame);
-}
-
-// ---------------------------------------------------------------------------
-// Turns and pixel conversion
-
-TEST(VideoItemPixels, TurnsTheTwoByThreePicture) {
-    // Rows [a b], [c d], [e f].
-    const int a = 1, b = 2, c = 3, d = 4, e = 5, f = 6;
-    const int src[6] = {a, b, c, d, e, f};
-    int dst[6] = {0};
-    VideoItem::vemiRotate90(src, dst, 2, 3);
-    EXPECT_EQ(std::vector<int>(dst, dst + 6), (std::vector<int>{e, c, a, f, d, b}));
-    VideoItem::vemiRotate270(src, dst, 2, 3);
-    EXPECT_EQ(std::vector<int>(dst, dst + 6), (std::vector<int>{b, d, f, a, c, e}));
-    VideoItem::vemiRotate180(src, dst, 2, 3);
-    EXPECT_EQ(std::vector<int>(dst, dst + 6), (std::vector<int>{f, e, d, c, b, a}));
-}
-
-// Decodes one picture of a fixture to convert.
-class DecodedItem : public VideoItem {
-public:
-    // The first picture decoded from the key frame at or before timeMs.
-    AVFrame* decodeAt(int timeMs) {
-        if (seekFrame(timeMs, -1, AVSEEK_FLAG_BACKWARD) < 0) {
-            return nullptr;
-        }
-        kavra::ScopedAVPacket packet = kavra::makeScopedAVPacket();
-        int got = 0;
-        while (!got && readFrame(packet.get()) >= 0) {
-            if (packet->stream_index == getVideoStreamIndex()) {
-                decodeVideo(&got, packet.get());
-            }
-            av_packet_unref(packet.get());
-        }
-        return got ? pVideoFrame.get() : nullptr;
-    }
-};
-
-TEST(VideoItemPixels, ConversionTurnsARealPictureAndCopiesForAnyOtherAngle) {
-    DecodedItem item;
-    ASSERT_EQ(item.setSource(fixture("h264_aac.mp4").c_str(), true), 0);
-    AVFrame* frame = item.decodeAt(6000);
-    ASSERT_NE(frame, nullptr);
-    const int w = 200;
-    const int h = 150;
-    std::vector<int> upright(w * h);
-    ASSERT_EQ(item.YUV420PToRGBA(frame, upright.data(), w, h, 0), 0);
-    EXPECT_EQ(frameIndexFromRgba(reinterpret_cast<uint8_t*>(upright.data()), w * 4, w, h), 180);
-    for (int angle : {360, -90, 45}) {
-        std::vector<int> copy(w * h);
-        ASSERT_EQ(item.YUV420PToRGBA(frame, copy.data(), w, h, angle), 0);
-        EXPECT_EQ(copy, upright) << angle;
-    }
-    for (int angle : {90, 180, 270}) {
-        SCOPED_TRACE(angle);
-        std::vector<int> turned(w * h);
-        ASSERT_EQ(item.YUV420PToRGBA(frame, turned.data(), w, h, angle), 0);
-        const bool quarter = angle != 180;
-        const int tw = quarter ? h : w;
-        const int th = quarter ? w : h;
-        EXPECT_EQ(frameIndexFromRgba(reinterpret_cast<uint8_t*>(turned.data()), tw * 4, tw, th, angle), 180);
-        std::vector<int> expected(w * h);
-        if (angle == 90) VideoItem::vemiRotate90(upright.data(), expected.data(), w, h);
-        if (angle == 180) VideoItem::vemiRotate180(upright.data(), expected.data(), w, h);
-        if (angle == 270) VideoItem::vemiRotate270(upright.data(), expected.data(), w, h);
-        EXPECT_EQ(turned, expected);
-    }
+    CommandResult frameTimes = runCommand("ffprobe -v quiet -select_streams v:0 -show_entries frame=pts_time -of csv=p=0 " +
+                                          shellQuote(fixture("truncated.mp4")) + " | tail -n 1");
+    ASSERT_EQ(frameTimes.status, 0);
+    ScratchDir dir;
+    ASSERT_EQ(openItem("truncated.mp4")->snapShot(dir.file("x.jpg").c_str(), 9500), 0);
+    RgbaImage shot = decodeImage(dir.file("x.jpg"));
+    ASSERT_GT(shot.width, 0);
+    EXPECT_EQ(frameIndexFromRgba(shot.at(0, 0), shot.width * 4, shot.width, shot.height),
+              static_cast<int>(std::lround(std::stod(frameTimes.output) * 30)));
 }
 
 }  // namespace

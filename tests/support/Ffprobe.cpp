@@ -50,4 +50,16 @@ double Ffprobe::streamNumber(int index, const std::string& field, double fallbac
 
 int Ffprobe::streamCount() const { return static_cast<int>(number("format.nb_streams", 0)); }
 
+RgbaImage decodeImage(const std::string& path) {
+    Ffprobe probe(path, "-select_streams v:0");
+    RgbaImage image;
+    const int width = static_cast<int>(probe.streamNumber(0, "width", 0));
+    const int height = static_cast<int>(probe.streamNumber(0, "height", 0));
+    CommandResult r = runCommand("ffmpeg -v error -nostdin -i " + shellQuote(path) + " -f rawvideo -pix_fmt rgba -");
+    if (r.status == 0 && width > 0 && r.output.size() == static_cast<size_t>(width) * height * 4) {
+        image = RgbaImage{width, height, std::move(r.output)};
+    }
+    return image;
+}
+
 }  // namespace kavra::test

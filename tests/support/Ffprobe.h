@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <string>
 
@@ -26,5 +27,17 @@ private:
     std::map<std::string, std::string> mValues;
     bool mOk;
 };
+
+// A picture file (PNG, JPEG) decoded to RGBA by the ffmpeg tool at its own
+// size; 0x0 when it cannot be read.
+struct RgbaImage {
+    int width = 0;
+    int height = 0;
+    std::string bytes;
+    const uint8_t* at(int x, int y) const {
+        return reinterpret_cast<const uint8_t*>(bytes.data()) + (static_cast<size_t>(y) * width + x) * 4;
+    }
+};
+RgbaImage decodeImage(const std::string& path);
 
 }  // namespace kavra::test

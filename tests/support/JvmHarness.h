@@ -16,10 +16,4 @@ JNIEnv* jniEnv();
 // pending, after describing and clearing it.
 bool javaExceptionPending(JNIEnv* env);
 
-// The virtual machine runs with -Xcheck:jni. This counts the complaints it
-// has printed about JNI misuse ("... in native method: ...", such as a JNI
-// call made with an exception pending) since it was created; its output is
-// still printed.
-int jniComplaintCount();
-
 }  // namespace kavra::test

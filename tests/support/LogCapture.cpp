@@ -4,19 +4,13 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <thread>
 
 namespace kavra::test {
-
-struct LogCaptureAccess {
-    static void append(LogCapture* c, int priority, const char* tag, const char* message) {
-        c->append(priority, tag, message);
-    }
-    static void appendEnded(LogCapture* c, const char* message) { c->appendEnded(message); }
-};
 
 namespace {
 std::atomic<LogCapture*> gActive{nullptr};
@@ -38,7 +32,7 @@ void captureLogger(const struct __android_logger_data* data, const char* message
     LogCapture* capture = gActive.load();
     if (capture != nullptr) {
         const char* tag = data->tag;
-        LogCaptureAccess::append(capture, data->priority, isProgramName(tag) ? nullptr : tag, message);
+        capture->append(data->priority, isProgramName(tag) ? nullptr : tag, message);
     } else if (getenv("KAVRA_TEST_LOG") != nullptr) {
         fprintf(stderr, "[%d] %s: %s\n", data->priority, data->tag != nullptr ? data->tag : "", message);
     }
@@ -47,11 +41,24 @@ void captureLogger(const struct __android_logger_data* data, const char* message
 std::atomic<bool> gEndEngineThreads{false};
 thread_local bool tTestThread = false;
 
+// Polls `done` every millisecond until it holds or `timeoutMs` has passed.
+template <typename Done>
+bool waitUntil(Done done, int timeoutMs) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
 void throwingAborter(const char* message) {
     if (gEndEngineThreads.load() && !tTestThread) {
         LogCapture* capture = gActive.load();
         if (capture != nullptr) {
-            LogCaptureAccess::appendEnded(capture, message != nullptr ? message : "");
+            capture->appendEnded(message != nullptr ? message : "");
         }
         pthread_exit(nullptr);
     }
@@ -70,7 +77,7 @@ struct Install {
 }  // namespace
 
 LogCapture::LogCapture() {
-    markTestThread();
+    tTestThread = true;
     gActive.store(this);
 }
 
@@ -81,8 +88,6 @@ LogCapture::~LogCapture() {
 }
 
 void LogCapture::endEngineThreadsOnAssertion(bool enable) { gEndEngineThreads.store(enable); }
-
-void LogCapture::markTestThread() { tTestThread = true; }
 
 void LogCapture::appendEnded(const char* message) {
     std::lock_guard<std::mutex> lock(mMutex);
@@ -95,19 +100,7 @@ std::vector<std::string> LogCapture::endedThreadAssertions() const {
 }
 
 bool LogCapture::waitForEndedThreads(size_t count, int timeoutMs) const {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    for (;;) {
-        {
-            std::lock_guard<std::mutex> lock(mMutex);
-            if (mEnded.size() >= count) {
-                return true;
-            }
-        }
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    return waitUntil([&] { return endedThreadAssertions().size() >= count; }, timeoutMs);
 }
 
 void LogCapture::append(int priority, const char* tag, const char* message) {
@@ -121,9 +114,8 @@ std::vector<LogCapture::Line> LogCapture::lines() const {
 }
 
 std::vector<std::string> LogCapture::messages(const std::string& tag) const {
-    std::lock_guard<std::mutex> lock(mMutex);
     std::vector<std::string> out;
-    for (const Line& l : mLines) {
+    for (const Line& l : lines()) {
         if (l.tag == tag) {
             out.push_back(l.message);
         }
@@ -132,27 +124,14 @@ std::vector<std::string> LogCapture::messages(const std::string& tag) const {
 }
 
 int LogCapture::count(const std::string& tag, const std::string& message) const {
-    std::lock_guard<std::mutex> lock(mMutex);
-    int n = 0;
-    for (const Line& l : mLines) {
-        if (l.tag == tag && l.message == message) {
-            ++n;
-        }
-    }
-    return n;
+    std::vector<std::string> all = messages(tag);
+    return static_cast<int>(std::count(all.begin(), all.end(), message));
 }
 
 bool LogCapture::contains(const std::string& tag, const std::string& message) const { return count(tag, message) > 0; }
 
 bool LogCapture::waitFor(const std::string& tag, const std::string& message, int timeoutMs) const {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!contains(tag, message)) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
+    return waitUntil([&] { return contains(tag, message); }, timeoutMs);
 }
 
 void LogCapture::clear() {

@@ -45,18 +45,16 @@ public:
     // capture's own thread is a test thread; off again when the capture
     // ends.
     void endEngineThreadsOnAssertion(bool enable);
-    // Marks the calling thread as a test thread (see above).
-    static void markTestThread();
     // Messages of assertions that ended a thread, in order.
     std::vector<std::string> endedThreadAssertions() const;
     // Waits (bounded) until `count` assertions have ended threads.
     bool waitForEndedThreads(size_t count, int timeoutMs) const;
 
-private:
-    friend struct LogCaptureAccess;
+    // Called by the logger and the aborter installed for the test program.
     void append(int priority, const char* tag, const char* message);
     void appendEnded(const char* message);
 
+private:
     mutable std::mutex mMutex;
     std::vector<Line> mLines;
     std::vector<std::string> mEnded;

@@ -14,10 +14,8 @@ public:
     ScratchDir() {
         const char* base = getenv("TMPDIR");
         std::string pattern = std::string(base != nullptr ? base : "/tmp") + "/kavra_test_XXXXXX";
-        std::vector<char> buf(pattern.begin(), pattern.end());
-        buf.push_back('\0');
-        if (mkdtemp(buf.data()) != nullptr) {
-            mPath = buf.data();
+        if (mkdtemp(pattern.data()) != nullptr) {
+            mPath = pattern;
         }
     }
     ~ScratchDir() {

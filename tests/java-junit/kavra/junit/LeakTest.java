@@ -8,7 +8,9 @@ import cn.kavra.video.editor.VideoItem;
 import cn.kavra.video.player.common.KavraPlayer;
 import cn.kavra.video.player.common.VideoRender;
 
+import java.nio.file.Files;
 import java.nio.file.Path;
+import java.nio.file.Paths;
 import java.util.function.IntSupplier;
 
 import org.junit.jupiter.api.Test;
@@ -22,21 +24,33 @@ import org.junit.jupiter.api.io.TempDir;
  * left behind (each holds decoders or buffers of a megabyte or more).
  */
 class LeakTest {
+    static {
+        System.loadLibrary("kavra_junit_native");
+    }
+
     private static final int CYCLES = 200;
+
+    /** Strong JNI global references held in the JVM. */
+    private static native int globalRefCount();
 
     interface Work {
         void run() throws Exception;
     }
 
+    private static long residentKiB() throws Exception {
+        return Files.readAllLines(Paths.get("/proc/self/status")).stream().filter(l -> l.startsWith("VmRSS:"))
+                .mapToLong(l -> Long.parseLong(l.replaceAll("[^0-9]", ""))).findFirst().orElseThrow();
+    }
+
     private static void assertFlat(String what, Work work) throws Exception {
         work.run();
         System.gc();
-        int refs = JvmProbe.globalRefCount();
-        long rss = JvmProbe.residentKiB();
+        int refs = globalRefCount();
+        long rss = residentKiB();
         work.run();
         System.gc();
-        int refsAfter = JvmProbe.globalRefCount();
-        long rssAfter = JvmProbe.residentKiB();
+        int refsAfter = globalRefCount();
+        long rssAfter = residentKiB();
         System.out.printf("%s: global refs %d -> %d, RSS %d -> %d KiB%n", what, refs, refsAfter, rss, rssAfter);
         assertTrue(refs >= 0 && refsAfter - refs <= 3, what + ": global references " + refs + " -> " + refsAfter);
         assertTrue(rssAfter - rss < 48 * 1024, what + ": RSS grew by " + (rssAfter - rss) + " KiB");

@@ -38,6 +38,20 @@ class VideoItemTest {
         }
     }
 
+    /** The exception ends the strip and is cleared in native code (the checked JNI would report a JNI call after it). */
+    @Test
+    void aCallbackThatThrowsEndsTheStrip() {
+        try (VideoItem item = new VideoItem()) {
+            assertEquals(0, item.setDataSource(Media.fixture("h264_aac.mp4"), false));
+            List<Integer> calls = new ArrayList<>();
+            assertEquals(0, item.getThumbnailList(new int[W * H], W, H, 0, 9000, 4, index -> {
+                calls.add(index);
+                throw new IllegalStateException("refused thumbnail " + index);
+            }));
+            assertEquals(List.of(0), calls);
+        }
+    }
+
     @Test
     void keyFrameNeedsAnArrayOfExactlyTheRequestedSize() {
         try (VideoItem item = new VideoItem()) {
