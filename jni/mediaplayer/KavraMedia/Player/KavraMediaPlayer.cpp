@@ -183,15 +183,21 @@ int KavraMediaPlayer::prepare() {
         ALOGE("call prepare in IllegalState:%d.", status);
         return -1;
     }
+    if (status == MEDIA_PLAYER_STOPPED) {
+        // The render threads of the stopped run are joined while the status
+        // still says stopped: one that had not reached its gate yet (stop
+        // does not wait for the audio thread) must see "stopped" there and
+        // end, not "preparing", which would park it for good.
+        joinRenderThreads();
+    }
     {
         NativeMutexLock lock(mStatusLock);
         mStatus = MEDIA_PLAYER_PREPARING;
         mStatusCond.notifyAll();
     }
     if (status == MEDIA_PLAYER_STOPPED) {
-        // A stopped pipeline cannot run again: the threads that used it are
-        // joined, it is freed, and the file is opened afresh.
-        joinRenderThreads();
+        // A stopped pipeline cannot run again: it is freed, and the file is
+        // opened afresh.
         freeDecoder();
         mSeekPosition = -1;
         mIsSeekPositonChanged = false;
