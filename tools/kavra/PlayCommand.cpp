@@ -168,6 +168,7 @@ public:
         mAudioTracks = audioTracks;
         mPlayer.setListener(std::unique_ptr<NativeEventPostListener>(new LogListener(&mLog)));
         mLog.setSeekPending([this] { return mPlayer.isSeekPending(); });
+        mLog.setSeekResult([this] { return mPlayer.getSeekRequests(); }, [this] { return mPlayer.getSeekResult(); });
         mLog.setPlaying([this] { return mPlayer.isPlaying(); });
         if (mPlayer.setDataSource(mOptions.path.c_str()) != 0) {
             tool::fail(mOptions.path, "the player cannot open it");

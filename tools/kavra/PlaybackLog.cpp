@@ -2,14 +2,15 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
 #include <thread>
 
 #include "ToolSupport.h"
 
 namespace {
-// The picture a seek ends with is queued by the renderer while the player
-// marks the seek done; a picture that arrives while the seek still looks
-// pending is given this long to be confirmed as the seek's picture.
+// The picture a seek ends with can reach the window a moment before the
+// player counts the seek as shown; a picture that arrives while a seek is
+// unresolved is given this long to be confirmed as the seek's picture.
 constexpr auto kSeekSettle = std::chrono::milliseconds(3);
 
 double msBetween(PlaybackLog::Clock::time_point from, PlaybackLog::Clock::time_point to) {
@@ -40,27 +41,36 @@ void PlaybackLog::onEvent(int what, int arg1, int arg2) {
 }
 
 void PlaybackLog::onSeek(int targetMs) {
+    // Called just before the request: it gets the next number.
+    const uint32_t request = mSeekRequests ? mSeekRequests() + 1 : 0;
     std::lock_guard<std::mutex> lock(mMutex);
-    mSeeks.push_back(Seek{targetMs, Clock::now(), false, 0, 0});
+    mSeeks.push_back(Seek{targetMs, Clock::now(), request, false, 0, 0});
 }
 
 void PlaybackLog::onFramePresented(int ptsMs) {
     const Clock::time_point now = Clock::now();
+    // The earliest request still without its picture; none when every
+    // seek is resolved.
     bool unresolved = false;
+    uint32_t waitingFor = UINT32_MAX;
     {
         std::lock_guard<std::mutex> lock(mMutex);
         for (const Seek& s : mSeeks) {
-            unresolved = unresolved || !s.shown;
+            if (!s.shown) {
+                unresolved = true;
+                waitingFor = std::min(waitingFor, s.request);
+            }
         }
     }
-    bool pending = mSeekPending && mSeekPending();
-    if (pending && unresolved) {
+    uint64_t result = mSeekResult ? mSeekResult() : 0;
+    if (unresolved && mSeekResult) {
         const Clock::time_point until = now + kSeekSettle;
-        while (pending && Clock::now() < until) {
+        while (static_cast<uint32_t>(result >> 32) < waitingFor && Clock::now() < until) {
             std::this_thread::sleep_for(std::chrono::microseconds(200));
-            pending = mSeekPending();
+            result = mSeekResult();
         }
     }
+    const bool pending = mSeekPending && mSeekPending();
     double audioMs = 0;
     // Picture against sound only while playing: paused, the device may
     // still be playing out what it had queued.
@@ -74,9 +84,13 @@ void PlaybackLog::onFramePresented(int ptsMs) {
         mHaveFirstPts = true;
         mFirstPts = ptsMs;
     }
-    if (!pending) {
+    // A seek's picture is the one the player showed for it (or for a later
+    // seek that replaced it), not a picture that was already on its way.
+    const uint32_t served = static_cast<uint32_t>(result >> 32);
+    const int shownPts = static_cast<int32_t>(static_cast<uint32_t>(result));
+    if (shownPts == ptsMs) {
         for (Seek& s : mSeeks) {
-            if (!s.shown && s.called <= now) {
+            if (!s.shown && s.called <= now && served >= s.request) {
                 s.shown = true;
                 s.shownPtsMs = ptsMs;
                 s.latencyMs = msBetween(s.called, now);

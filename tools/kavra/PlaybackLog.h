@@ -22,6 +22,13 @@ public:
     void setAudioPosition(std::function<bool(double*)> position) { mAudioPosition = std::move(position); }
     // Whether a seek is still being carried out by the player.
     void setSeekPending(std::function<bool()> pending) { mSeekPending = std::move(pending); }
+    // The player's count of seek requests, and which request its last seek
+    // picture served with that picture's time (request << 32 | time): they
+    // tell a seek's picture from one that was already on its way.
+    void setSeekResult(std::function<uint32_t()> requests, std::function<uint64_t()> result) {
+        mSeekRequests = std::move(requests);
+        mSeekResult = std::move(result);
+    }
     // Whether the player is playing (not paused, stopped or complete).
     void setPlaying(std::function<bool()> playing) { mPlaying = std::move(playing); }
 
@@ -56,6 +63,8 @@ private:
     struct Seek {
         int targetMs;
         Clock::time_point called;
+        // The player's number for this request.
+        uint32_t request;
         bool shown;
         int shownPtsMs;
         double latencyMs;
@@ -66,6 +75,8 @@ private:
     Clock::time_point mEnd;
     std::function<bool(double*)> mAudioPosition;
     std::function<bool()> mSeekPending;
+    std::function<uint32_t()> mSeekRequests;
+    std::function<uint64_t()> mSeekResult;
     std::function<bool()> mPlaying;
     std::atomic<bool> mCompleted{false};
     std::atomic<bool> mFailed{false};

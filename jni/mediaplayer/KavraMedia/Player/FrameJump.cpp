@@ -156,6 +156,7 @@ int FrameJump::jumpVideoFrameTo(int target) {
         if (reached) {
             setDecodeFloor(-1);
             presentNow(frame);
+            mShown = (static_cast<uint64_t>(mRequest.serial.load()) << 32) | static_cast<uint32_t>(pts);
             mRequest.target = -1;
             mRenderManager.setCurrentTime(pts);
             result = pts;

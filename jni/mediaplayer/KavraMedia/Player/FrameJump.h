@@ -38,6 +38,8 @@ public:
         std::atomic<int>& target;
         std::atomic<bool>& targetMoved;
         std::atomic<bool>& forceDemuxSeek;
+        // Numbers the requests.
+        std::atomic<uint32_t>& serial;
     };
 
     FrameJump(Host& host, RenderManager& renderManager, const Request& request);
@@ -57,6 +59,9 @@ public:
     // Drops audio frames up to and including the first that reaches `ms`:
     // that frame's time, -1 at the end of the stream or when none came.
     int jumpAudioFrameTo(int ms);
+    // The request the last jump that showed a picture served, and that
+    // picture's time in ms: request number << 32 | (uint32) time.
+    uint64_t shownJumps() const { return mShown.load(); }
 
 private:
     // Shows a frame at once (the clock is stopped during a seek).
@@ -77,4 +82,5 @@ private:
     int mRepositionedAt;
     // The decode floor last set; -1 when none.
     int mDecodeFloor;
+    std::atomic<uint64_t> mShown{0};
 };

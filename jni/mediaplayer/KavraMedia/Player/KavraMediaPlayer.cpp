@@ -30,7 +30,7 @@ KavraMediaPlayer::KavraMediaPlayer() : KavraMediaPlayer(Timer::TimeSource()) {}
 
 KavraMediaPlayer::KavraMediaPlayer(Timer::TimeSource timeSource)
     : mRenderManager(std::move(timeSource)),
-      mFrameJump(*this, mRenderManager, {mSeekLock, mSeekPosition, mIsSeekPositonChanged, mForceDemuxSeek}) {
+      mFrameJump(*this, mRenderManager, {mSeekLock, mSeekPosition, mIsSeekPositonChanged, mForceDemuxSeek, mSeekRequests}) {
     ALOGV("KavraMediaPlayer");
 }
 
@@ -321,6 +321,7 @@ void KavraMediaPlayer::requestSeek(int absoluteMs, bool forceDemuxSeek) {
     NativeMutexLock lock(mSeekLock);
     // Every seek is frame-accurate, whatever the caller asked for.
     mAccurateSeek = true;
+    mSeekRequests += 1;
     mIsSeekPositonChanged = true;
     if (forceDemuxSeek) {
         mForceDemuxSeek = true;

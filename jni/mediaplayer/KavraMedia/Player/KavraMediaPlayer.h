@@ -136,6 +136,12 @@ public:
     int getVideoStreamIndex() const { return mVideoStreamIndex.load(); }
     int getAudioStreamIndex() const { return mAudioStreamIndex.load(); }
     bool isSeekPending() const { return mSeekPosition.load() != -1; }
+    // The number of seekTo requests so far, and which of them the last
+    // picture a seek showed served, with that picture's time in ms:
+    // request number << 32 | (uint32) time (0 before any). Lets a caller
+    // tell a seek's picture from one that was already on its way.
+    uint32_t getSeekRequests() const { return mSeekRequests.load(); }
+    uint64_t getSeekResult() const { return mFrameJump.shownJumps(); }
     RenderManager& getRenderManager() { return mRenderManager; }
 
     // Guarded status change: never leaves error or stopped; sends the event
@@ -200,6 +206,8 @@ private:
     // The next seek repositions the demultiplexer even when the target lies
     // just ahead (a new audio stream must be read from the target on).
     std::atomic<bool> mForceDemuxSeek{false};
+    // Counts seekTo requests; changed under mSeekLock.
+    std::atomic<uint32_t> mSeekRequests{0};
     RenderManager mRenderManager;
     // Serialises seek requests against the frame jump.
     NativeMutex mSeekLock;
