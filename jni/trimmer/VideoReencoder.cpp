@@ -31,12 +31,12 @@ int VideoReencoder::openDecoder(const AVStream* stream) {
     // decoding as much as by encoding (libavcodec's default is one thread).
     mDecoder->thread_count = 0;
 #if defined(__SANITIZE_THREAD__)
-    // Under ThreadSanitizer the decoder uses slice threads only. Frame-thread
-    // workers hand pictures over through atomics inside libavcodec that the
-    // sanitizer cannot see; slice-thread workers (here and in the encoder)
-    // take and finish their jobs under a pthread mutex and condition, which
-    // it does see.
-    mDecoder->thread_type = FF_THREAD_SLICE;
+    // Under ThreadSanitizer the decoder runs on the calling thread. Its
+    // workers hand pictures and rows over through atomics and shared
+    // buffers inside libavcodec that the sanitizer cannot see (frame
+    // threads, and the HEVC decoder's slice threads), and none of this
+    // engine's code runs on them.
+    mDecoder->thread_count = 1;
 #endif
     if (avcodec_open2(mDecoder.get(), codec, nullptr) < 0) {
         ALOGV("Could not open encoder. ");
