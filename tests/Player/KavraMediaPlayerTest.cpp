@@ -114,15 +114,6 @@ private:
     std::vector<int16_t> mLeft;
 };
 
-// "0,1,2,..." for failure messages.
-std::string str(const std::vector<int>& v) {
-    std::string out;
-    for (int x : v) {
-        out += std::to_string(x) + ",";
-    }
-    return out;
-}
-
 // The engine's last log lines, for failure messages.
 std::string logTail(const LogCapture& log) {
     std::vector<LogCapture::Line> lines = log.lines();
@@ -243,7 +234,7 @@ TEST_P(PlayToEnd, EveryFrameOnceInOrderAndAgainAfterStop) {
         s.player.start();
         ASSERT_TRUE(s.events->waitFor(P::MEDIA_PLAYBACK_COMPLETE, pass));
         EXPECT_FALSE(s.window->waitForQueued(first + 61, 100));
-        EXPECT_EQ(s.frames(first), all) << str(s.frames(first));
+        EXPECT_EQ(s.frames(first), all) << ::testing::PrintToString(s.frames(first));
         EXPECT_EQ(s.player.getStatus(), P::MEDIA_PLAYER_PLAYBACK_COMPLETE);
         s.player.stop();
         ASSERT_EQ(s.player.prepare(), 0);
@@ -273,7 +264,7 @@ TEST(KavraMediaPlayer, LoopingTwicePlaysThreePassesAndCompletesOnce) {
     for (int i = 0; i < 180; ++i) {
         passes[i] = i % 60;
     }
-    EXPECT_EQ(s.frames(), passes) << str(s.frames());
+    EXPECT_EQ(s.frames(), passes) << ::testing::PrintToString(s.frames());
     EXPECT_EQ(s.events->count(P::MEDIA_PLAYBACK_COMPLETE), 1);
 }
 
@@ -342,14 +333,15 @@ TEST_P(Seek, ShowsTheFrameAtTheTarget) {
     // Pictures already on their way when seekTo returned (at most one
     // staged in the renderer and one in the render thread's hands) may be
     // shown first; then the target, then playback goes on from it.
-    ASSERT_TRUE(s.waitQueued(called + 4)) << str(s.frames(before)) << logTail(log);
+    ASSERT_TRUE(s.waitQueued(called + 4)) << ::testing::PrintToString(s.frames(before)) << logTail(log);
     const std::vector<int> after = s.frames(before);
     const size_t at = std::find(after.begin(), after.end(), expected) - after.begin();
-    ASSERT_LE(at, called - before + 2) << str(after);
+    ASSERT_LE(at, called - before + 2) << ::testing::PrintToString(after);
     for (size_t i = 0; i < at; ++i) {
-        EXPECT_EQ(after[i], s.frameAt(before - 1) + 1 + static_cast<int>(i)) << "not playback's own: " << str(after);
+        EXPECT_EQ(after[i], s.frameAt(before - 1) + 1 + static_cast<int>(i)) << "not playback's own: "
+                                                                      << ::testing::PrintToString(after);
     }
-    EXPECT_GT(after[at + 1], expected) << str(after);
+    EXPECT_GT(after[at + 1], expected) << ::testing::PrintToString(after);
     if (c.move == Move::Forward) {
         EXPECT_EQ(seeks, 0) << "decoded forward without repositioning";
     } else {
