@@ -30,13 +30,27 @@ FrameJump::FrameJump(Host& host, RenderManager& renderManager, const Request& re
       mDecoder(nullptr),
       mVideoQueue(nullptr),
       mAudioQueue(nullptr),
-      mRepositionedAt(-1) {}
+      mRepositionedAt(-1),
+      mDecodeFloor(-1) {}
 
 void FrameJump::attach(KavraMediaDecoder* decoder, FrameBufferQueue* video, FrameBufferQueue* audio) {
     mDecoder = decoder;
     mVideoQueue = video;
     mAudioQueue = audio;
     mRepositionedAt = -1;
+    // The decoder may be the one already attached (an audio track switch),
+    // with a floor set by a jump: it decodes everything again.
+    if (mDecoder != nullptr) {
+        mDecoder->setDecodeFloor(-1);
+    }
+    mDecodeFloor = -1;
+}
+
+void FrameJump::setDecodeFloor(int ms) {
+    if (mDecoder != nullptr && ms != mDecodeFloor) {
+        mDecoder->setDecodeFloor(ms);
+    }
+    mDecodeFloor = ms;
 }
 
 void FrameJump::clearRequestLocked() {
@@ -84,6 +98,7 @@ int FrameJump::jumpVideoFrameTo(int target) {
             mRequest.lock.lock();
             const int wanted = mRequest.target;
             mRequest.lock.unlock();
+            setDecodeFloor(-1);
             seekToInner(wanted);
             NativeMutexLock lock(mRequest.lock);
             mRepositionedAt = -1;
@@ -104,6 +119,7 @@ int FrameJump::jumpVideoFrameTo(int target) {
             // the target.
             result = mRequest.target;
             clearRequestLocked();
+            setDecodeFloor(-1);
             mRenderManager.setCurrentTime(result);
             queue->releaseOutputBuffer();
             mHost.onStreamEnd(RenderManager::kStreamVideo);
@@ -126,9 +142,13 @@ int FrameJump::jumpVideoFrameTo(int target) {
             __android_log_print(ANDROID_LOG_ERROR, kTag, "mIsSeekPositonChanged");
             replaced = replaced || examined > 0;
             const bool force = mRequest.forceDemuxSeek.exchange(false);
-            if (force || pts > wanted || wanted - pts > kDecodeForwardMs) {
+            // Pictures before an earlier, later target may have been left
+            // out already: a target before that one needs a reposition.
+            const bool leftOut = mDecodeFloor >= 0 && wanted < mDecodeFloor;
+            if (force || leftOut || pts > wanted || wanted - pts > kDecodeForwardMs) {
                 repositionTo = wanted;
             }
+            setDecodeFloor(wanted);
         }
         // Frames that end before the target are dropped unconverted; the
         // first whose span holds it (or that starts after it) is shown. The
@@ -139,6 +159,7 @@ int FrameJump::jumpVideoFrameTo(int target) {
         const bool reached = repositionTo < 0 && wanted < end;
         ++examined;
         if (reached) {
+            setDecodeFloor(-1);
             presentNow(frame);
             mShown = (static_cast<uint64_t>(mRequest.serial.load()) << 32) | static_cast<uint32_t>(pts);
             mRequest.target = -1;
@@ -158,6 +179,7 @@ int FrameJump::jumpVideoFrameTo(int target) {
             seekToInner(repositionTo);
         }
     }
+    setDecodeFloor(-1);
     return result;
 }
 

@@ -68,6 +68,8 @@ private:
     void presentNow(FrameBuffer* frame);
     // Clears the request; under the request's lock.
     void clearRequestLocked();
+    // Lets the pipeline leave out pictures that end before `ms` (-1: none).
+    void setDecodeFloor(int ms);
 
     Host& mHost;
     RenderManager& mRenderManager;
@@ -78,5 +80,7 @@ private:
     // Where the last reposition went, until the first frame after it was
     // examined; -1 otherwise.
     int mRepositionedAt;
+    // The decode floor last set; -1 when none.
+    int mDecodeFloor;
     std::atomic<uint64_t> mShown{0};
 };

@@ -81,6 +81,7 @@ int KavraMediaDecoder::selectVideoStream(int /*index*/) {
     }
     NativeMutexLock lock(mDecoderLock);
     freeDecoder(mVideoDecoder);
+    mDecodeFloor.configure(mExtractor->getStream(index));
     mVideoDecoder = newVideoDecoder(codecName);
     int result = mVideoDecoder->create(mExtractor->getStream(index));
     if (result >= 0 && mStarted) {
@@ -307,6 +308,9 @@ int KavraMediaDecoder::queueToDecoder(AVPacket* pkt, int streamIndex) {
         if (mSeekTime != -1) {
             // The packet in hand belongs to the old position.
             performSeek();
+            return -1;
+        }
+        if (streamIndex == mVideoStreamIndex && mDecodeFloor.skips(pkt)) {
             return -1;
         }
         int result = 0;

@@ -9,6 +9,7 @@
 #include "Common/NativeCondition.h"
 #include "Common/NativeMutex.h"
 #include "Decoder/Decoder.h"
+#include "Player/DecodeFloor.h"
 #include "Source/FFmpegMediaExtractor.h"
 #include "Source/MediaInfo.h"
 
@@ -59,6 +60,10 @@ public:
     // stuck in a decoder flush. A later request replaces one still pending.
     // -1 returns at once.
     void seekTo(int ms);
+    // While a seek decodes forward to `ms` (absolute, the stream's clock),
+    // video packets that need not be decoded to show the picture there are
+    // dropped before the decoder; -1 decodes everything again.
+    void setDecodeFloor(int ms) { mDecodeFloor.set(ms); }
     // Stops and joins the demux thread, then stops the decoders. Returns 0
     // promptly even with full queues.
     int stop();
@@ -140,6 +145,7 @@ private:
     // with the extractor's I/O progress it tells a seek that is slow from
     // one that is stuck.
     std::atomic<uint64_t> mSeekSteps;
+    DecodeFloor mDecodeFloor;
     // The extractor's I/O was interrupted: an empty read is the end.
     std::atomic<bool> mInterrupted;
     // Guards the seek hand-over and the parking; taken before mDecoderLock.
