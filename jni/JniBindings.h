@@ -17,10 +17,6 @@ extern const char* const kVideoItemClass;    // "cn/kavra/video/editor/VideoItem
 extern const char* const kKavraTrimerClass;  // "cn/kavra/video/editor/KavraTrimer"
 extern const char* const kVideoRenderClass;  // "cn/kavra/video/player/common/VideoRender"
 
-// The player's table, which the load registers itself.
-const JNINativeMethod* kavraPlayerMethods();
-int kavraPlayerMethodCount();
-
 int register_kavra_media_player(JNIEnv* env);
 int register_cn_kavra_video_editor(JNIEnv* env);
 int register_cn_kavra_trimer(JNIEnv* env);
@@ -40,3 +36,27 @@ template <typename T>
 void setNativeContext(JNIEnv* env, jobject thiz, jfieldID field, T* object) {
     env->SetLongField(thiz, field, static_cast<jlong>(reinterpret_cast<intptr_t>(object)));
 }
+
+// One entry of a class's native method table.
+#define KAVRA_NATIVE(name, signature, function) \
+    { const_cast<char*>(name), const_cast<char*>(signature), reinterpret_cast<void*>(function) }
+
+// Registers `count` methods on the class named `className`. Returns 0, -1
+// when the class cannot be found, -2 when registration fails; any exception
+// raised is cleared.
+int registerNativeMethods(JNIEnv* env, const char* className, const JNINativeMethod* methods, int count);
+
+// The `long mNativeContext` field of the class named `className`, or null
+// (any exception raised is cleared).
+jfieldID lookUpContextField(JNIEnv* env, const char* className);
+
+// The field and callback of a class whose native object posts events.
+struct NativeClassIds {
+    jfieldID context = nullptr;
+    jmethodID postEvent = nullptr;
+};
+
+// Looks up `mNativeContext` and the static "postEventFromNative" of the
+// class named `className`. A failed look-up leaves its NoSuchFieldError or
+// NoSuchMethodError pending, so that the class's initialisation fails with it.
+void lookUpEventClassIds(JNIEnv* env, const char* className, NativeClassIds& ids);

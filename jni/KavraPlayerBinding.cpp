@@ -19,29 +19,13 @@ const char* const kKavraPlayerClass = "cn/kavra/video/player/common/KavraPlayer"
 namespace {
 
 // Set once by _native_init and never cleared.
-struct PlayerIds {
-    jfieldID context;
-    jmethodID postEvent;
-};
-PlayerIds gPlayer = {nullptr, nullptr};
+NativeClassIds gPlayer;
 
 KavraMediaPlayer* getPlayer(JNIEnv* env, jobject thiz) {
     return nativeContext<KavraMediaPlayer>(env, thiz, gPlayer.context);
 }
 
-void native_init(JNIEnv* env, jclass) {
-    jclass cls = env->FindClass(kKavraPlayerClass);
-    if (cls == nullptr) {
-        return;
-    }
-    gPlayer.context = env->GetFieldID(cls, "mNativeContext", "J");
-    if (gPlayer.context != nullptr) {
-        gPlayer.postEvent = env->GetStaticMethodID(cls, "postEventFromNative", "(Ljava/lang/Object;III)V");
-    }
-    // A failed look-up leaves its NoSuchFieldError or NoSuchMethodError
-    // pending: the class's initialisation fails with it.
-    env->DeleteLocalRef(cls);
-}
+void native_init(JNIEnv* env, jclass) { lookUpEventClassIds(env, kKavraPlayerClass, gPlayer); }
 
 void native_setup(JNIEnv* env, jobject thiz, jobject weakThiz) {
     if (gPlayer.context == nullptr) {
@@ -222,8 +206,7 @@ void setPlaySpeedMode(JNIEnv* env, jobject thiz, jint mode, jint value) {
     }
 }
 
-#define NATIVE(name, signature, function) \
-    { const_cast<char*>(name), const_cast<char*>(signature), reinterpret_cast<void*>(function) }
+#define NATIVE KAVRA_NATIVE
 
 const JNINativeMethod kMethods[] = {
     NATIVE("_native_init", "()V", native_init),
@@ -261,23 +244,13 @@ const JNINativeMethod kMethods[] = {
 
 }  // namespace
 
-const JNINativeMethod* kavraPlayerMethods() { return kMethods; }
-
-int kavraPlayerMethodCount() { return static_cast<int>(sizeof(kMethods) / sizeof(kMethods[0])); }
-
 int register_kavra_media_player(JNIEnv* env) {
-    jclass cls = env->FindClass(kKavraPlayerClass);
-    if (cls == nullptr) {
-        env->ExceptionClear();
+    const int result = registerNativeMethods(env, kKavraPlayerClass, kMethods,
+                                                 static_cast<int>(sizeof(kMethods) / sizeof(kMethods[0])));
+    if (result == -1) {
         ALOGE("ERROR: RegisterNatives unable to find class '%s'\n", kKavraPlayerClass);
-        return -1;
-    }
-    if (env->RegisterNatives(cls, kMethods, kavraPlayerMethodCount()) < 0) {
-        env->ExceptionClear();
-        env->DeleteLocalRef(cls);
+    } else if (result < 0) {
         ALOGE("ERROR: RegisterNatives failed for '%s'\n", kKavraPlayerClass);
-        return -1;
     }
-    env->DeleteLocalRef(cls);
-    return 0;
+    return result < 0 ? -1 : 0;
 }

@@ -15,29 +15,13 @@ const char* const kKavraTrimerClass = "cn/kavra/video/editor/KavraTrimer";
 namespace {
 
 // Set by native_init.
-struct TrimerIds {
-    jfieldID context;
-    jmethodID postEvent;
-};
-TrimerIds gTrimer = {nullptr, nullptr};
+NativeClassIds gTrimer;
 
 JniVideoTrimer* getTrimer(JNIEnv* env, jobject thiz) {
     return nativeContext<JniVideoTrimer>(env, thiz, gTrimer.context);
 }
 
-void native_init(JNIEnv* env, jclass) {
-    jclass cls = env->FindClass(kKavraTrimerClass);
-    if (cls == nullptr) {
-        return;
-    }
-    gTrimer.context = env->GetFieldID(cls, "mNativeContext", "J");
-    if (gTrimer.context != nullptr) {
-        gTrimer.postEvent = env->GetStaticMethodID(cls, "postEventFromNative", "(Ljava/lang/Object;III)V");
-    }
-    // A failed look-up leaves its error pending for the class's
-    // initialisation to fail with.
-    env->DeleteLocalRef(cls);
-}
+void native_init(JNIEnv* env, jclass) { lookUpEventClassIds(env, kKavraTrimerClass, gTrimer); }
 
 // Copies a Java string's characters; empty for null. The trimmer keeps its
 // own copies of the paths.
@@ -109,8 +93,7 @@ void release(JNIEnv* env, jobject thiz) {
     }
 }
 
-#define NATIVE(name, signature, function) \
-    { const_cast<char*>(name), const_cast<char*>(signature), reinterpret_cast<void*>(function) }
+#define NATIVE KAVRA_NATIVE
 
 const JNINativeMethod kMethods[] = {
     NATIVE("native_init", "()V", native_init),
@@ -127,15 +110,6 @@ const JNINativeMethod kMethods[] = {
 }  // namespace
 
 int register_cn_kavra_trimer(JNIEnv* env) {
-    jclass cls = env->FindClass(kKavraTrimerClass);
-    if (cls == nullptr) {
-        env->ExceptionClear();
-        return -1;
-    }
-    int result = env->RegisterNatives(cls, kMethods, static_cast<jint>(sizeof(kMethods) / sizeof(kMethods[0])));
-    if (result < 0) {
-        env->ExceptionClear();
-    }
-    env->DeleteLocalRef(cls);
-    return result < 0 ? -1 : 0;
+    const int count = static_cast<int>(sizeof(kMethods) / sizeof(kMethods[0]));
+    return registerNativeMethods(env, kKavraTrimerClass, kMethods, count) < 0 ? -1 : 0;
 }

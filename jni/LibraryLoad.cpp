@@ -38,23 +38,10 @@ extern "C" JNIEXPORT jint JNI_OnLoad(JavaVM* vm, void* /*reserved*/) {
         return -1;
     }
 
-    // The player's table is registered here, by the same steps as
-    // register_kavra_media_player.
-    jclass playerClass = env->FindClass(kKavraPlayerClass);
-    if (playerClass == nullptr) {
-        env->ExceptionClear();
-        ALOGE("ERROR: RegisterNatives unable to find class '%s'\n", kKavraPlayerClass);
+    if (register_kavra_media_player(env) != 0) {
         ALOGE("ERROR: register_kavra_media_player registration failed");
         return -1;
     }
-    if (env->RegisterNatives(playerClass, kavraPlayerMethods(), kavraPlayerMethodCount()) < 0) {
-        env->ExceptionClear();
-        env->DeleteLocalRef(playerClass);
-        ALOGE("ERROR: RegisterNatives failed for '%s'\n", kKavraPlayerClass);
-        ALOGE("ERROR: register_kavra_media_player registration failed");
-        return -1;
-    }
-    env->DeleteLocalRef(playerClass);
 
     // A trimmer failure is reported with the editor's message.
     if (register_cn_kavra_video_editor(env) != 0 || register_cn_kavra_trimer(env) != 0) {

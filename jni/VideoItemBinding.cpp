@@ -93,15 +93,8 @@ private:
 };
 
 jint setDataSource(JNIEnv* env, jobject thiz, jstring path, jboolean singleThread) {
-    jclass cls = env->FindClass(kVideoItemClass);
-    if (cls == nullptr) {
-        env->ExceptionClear();
-        return -1;
-    }
-    gItemContext = env->GetFieldID(cls, "mNativeContext", "J");
-    env->DeleteLocalRef(cls);
+    gItemContext = lookUpContextField(env, kVideoItemClass);
     if (path == nullptr || gItemContext == nullptr) {
-        env->ExceptionClear();
         return -1;
     }
     std::unique_ptr<VideoItem> item(new VideoItem());
@@ -177,8 +170,7 @@ jint getKeyFrameAt(JNIEnv* env, jobject thiz, jintArray out, jint width, jint he
     return item->getKeyFrameAt(pixels.data(), pixels.bytes(), width, height, static_cast<int>(timeMs));
 }
 
-#define NATIVE(name, signature, function) \
-    { const_cast<char*>(name), const_cast<char*>(signature), reinterpret_cast<void*>(function) }
+#define NATIVE KAVRA_NATIVE
 
 const JNINativeMethod kMethods[] = {
     NATIVE("native_setDataSource", "(Ljava/lang/String;Z)I", setDataSource),
@@ -201,16 +193,6 @@ const JNINativeMethod kMethods[] = {
 }  // namespace
 
 int register_cn_kavra_video_editor(JNIEnv* env) {
-    jclass cls = env->FindClass(kVideoItemClass);
-    if (cls == nullptr) {
-        env->ExceptionClear();
-        return -1;
-    }
-    if (env->RegisterNatives(cls, kMethods, static_cast<jint>(sizeof(kMethods) / sizeof(kMethods[0]))) < 0) {
-        env->ExceptionClear();
-        env->DeleteLocalRef(cls);
-        return -1;
-    }
-    env->DeleteLocalRef(cls);
-    return 0;
+    const int count = static_cast<int>(sizeof(kMethods) / sizeof(kMethods[0]));
+    return registerNativeMethods(env, kVideoItemClass, kMethods, count) < 0 ? -1 : 0;
 }

@@ -32,15 +32,8 @@ jfieldID gRenderContext = nullptr;
 VideoRender* getRender(JNIEnv* env, jobject thiz) { return nativeContext<VideoRender>(env, thiz, gRenderContext); }
 
 void setSurface(JNIEnv* env, jobject thiz, jobject jsurface, jint rotation) {
-    jclass cls = env->FindClass(kVideoRenderClass);
-    if (cls == nullptr) {
-        env->ExceptionClear();
-        return;
-    }
-    gRenderContext = env->GetFieldID(cls, "mNativeContext", "J");
-    env->DeleteLocalRef(cls);
+    gRenderContext = lookUpContextField(env, kVideoRenderClass);
     if (gRenderContext == nullptr) {
-        env->ExceptionClear();
         return;
     }
     // Every call replaces the renderer, even for the same surface.
@@ -114,8 +107,7 @@ void release(JNIEnv* env, jobject thiz) {
     }
 }
 
-#define NATIVE(name, signature, function) \
-    { const_cast<char*>(name), const_cast<char*>(signature), reinterpret_cast<void*>(function) }
+#define NATIVE KAVRA_NATIVE
 
 const JNINativeMethod kMethods[] = {
     NATIVE("native_setSurface", "(Landroid/view/Surface;I)V", setSurface),
@@ -129,15 +121,6 @@ const JNINativeMethod kMethods[] = {
 }  // namespace
 
 int register_cn_kavra_video_render(JNIEnv* env) {
-    jclass cls = env->FindClass(kVideoRenderClass);
-    if (cls == nullptr) {
-        env->ExceptionClear();
-        return -1;
-    }
-    int result = env->RegisterNatives(cls, kMethods, static_cast<jint>(sizeof(kMethods) / sizeof(kMethods[0])));
-    if (result < 0) {
-        env->ExceptionClear();
-    }
-    env->DeleteLocalRef(cls);
-    return result < 0 ? -1 : 0;
+    const int count = static_cast<int>(sizeof(kMethods) / sizeof(kMethods[0]));
+    return registerNativeMethods(env, kVideoRenderClass, kMethods, count) < 0 ? -1 : 0;
 }
