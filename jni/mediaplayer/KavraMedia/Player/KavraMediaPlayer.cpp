@@ -233,29 +233,22 @@ int KavraMediaPlayer::prepare() {
     return 0;
 }
 
-int KavraMediaPlayer::prepareVideo() {
-    ALOGV("prepareVideo");
-    int result = mDecoder->selectVideoStream(mVideoStreamIndex);
-    if (result < 0) {
-        ALOGE("prepareVideo error:%d.", result);
-        return -1;
-    }
-    mVideoQueue = mDecoder->getVideoOutputQueue();
-    attachFrameJump();
-    mVideoRenderThread = std::thread(&KavraMediaPlayer::onRenderFrame, this, kVideo);
-    return 0;
-}
+int KavraMediaPlayer::prepareVideo() { return prepareStream(kVideo); }
 
-int KavraMediaPlayer::prepareAudio() {
-    ALOGV("prepareAudio");
-    int result = mDecoder->selectAudioStream(mAudioStreamIndex);
+int KavraMediaPlayer::prepareAudio() { return prepareStream(kAudio); }
+
+int KavraMediaPlayer::prepareStream(int stream) {
+    const bool video = stream == kVideo;
+    ALOGV(video ? "prepareVideo" : "prepareAudio");
+    const int result =
+        video ? mDecoder->selectVideoStream(mVideoStreamIndex) : mDecoder->selectAudioStream(mAudioStreamIndex);
     if (result < 0) {
-        ALOGE("prepareAudio error:%d.", result);
+        ALOGE(video ? "prepareVideo error:%d." : "prepareAudio error:%d.", result);
         return -1;
     }
-    mAudioQueue = mDecoder->getAudioOutputQueue();
+    (video ? mVideoQueue : mAudioQueue) = video ? mDecoder->getVideoOutputQueue() : mDecoder->getAudioOutputQueue();
     attachFrameJump();
-    mAudioRenderThread = std::thread(&KavraMediaPlayer::onRenderFrame, this, kAudio);
+    (video ? mVideoRenderThread : mAudioRenderThread) = std::thread(&KavraMediaPlayer::onRenderFrame, this, stream);
     return 0;
 }
 

@@ -164,6 +164,9 @@ private:
     void handleStatusLocked(int status);
     int prepareVideo();
     int prepareAudio();
+    // Selects the stream in the decoder, takes its output queue and starts
+    // its render thread; -1 when the decoder cannot take the stream.
+    int prepareStream(int stream);
     // Records a seek to an absolute media time; the render threads carry it
     // out. forceDemuxSeek: reposition even when decoding forward would do.
     void requestSeek(int absoluteMs, bool forceDemuxSeek);
