@@ -6,7 +6,6 @@ import static org.junit.jupiter.api.Assertions.assertTrue;
 import cn.kavra.video.editor.VideoItem;
 
 import java.io.File;
-import java.nio.charset.StandardCharsets;
 import java.nio.file.FileSystem;
 import java.nio.file.FileSystems;
 import java.nio.file.Files;
@@ -15,7 +14,6 @@ import java.nio.file.Paths;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
-import java.util.concurrent.TimeUnit;
 
 import org.junit.jupiter.api.Test;
 import org.junit.jupiter.api.io.TempDir;
@@ -57,11 +55,9 @@ class LibraryLoadTest {
                 "-cp", classpath + File.pathSeparator + System.getProperty("java.class.path"),
                 LibraryLoadTest.class.getName()));
         command.addAll(List.of(args));
-        Process process = new ProcessBuilder(command).redirectErrorStream(true).start();
-        String output = new String(process.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
-        assertTrue(process.waitFor(60, TimeUnit.SECONDS));
+        String output = Media.run(command);
         assertFalse(output.contains("in native method"), output);
-        return output.trim() + "\nexit " + process.exitValue();
+        return output;
     }
 
     /** Loads the library and says how that went: exit 0 loaded, 3 refused; then opens a path given as an item. */

@@ -40,17 +40,13 @@ final class TestWindow implements AutoCloseable {
     private long handle = create();
     final Surface surface = new Surface(surfaceAddress(handle));
 
-    boolean waitForQueued(int count) {
-        return waitForQueued(handle, count, 5000);
-    }
-
     int queuedCount() {
         return queuedCount(handle);
     }
 
     /** The last buffer queued, or null. */
     Buffer last() {
-        int[] geometry = new int[4];
+        int[] geometry = new int[3];
         byte[] bytes = lastQueued(handle, geometry);
         return bytes == null ? null : new Buffer(geometry, bytes);
     }
@@ -73,8 +69,6 @@ final class TestWindow implements AutoCloseable {
     private static native long surfaceAddress(long handle);
 
     private static native void abandon(long handle);
-
-    private static native boolean waitForQueued(long handle, int count, int timeoutMs);
 
     private static native int queuedCount(long handle);
 

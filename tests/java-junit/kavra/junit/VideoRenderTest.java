@@ -40,11 +40,11 @@ class VideoRenderTest {
 
     @ParameterizedTest
     @ValueSource(ints = {COLOR_FormatYUV420Planar, COLOR_FormatYUV420SemiPlanar})
-    void frameBytesArriveInTheWindow(int colorFormat) {
+    void frameBytesArriveInTheWindow(int colorFormat) throws Exception {
         try (TestWindow window = new TestWindow(); VideoRender render = new VideoRender()) {
             render.setSurface(window.surface, 0);
             render.renderFrame(frame(colorFormat == COLOR_FormatYUV420Planar), colorFormat, W, H, 1);
-            assertTrue(window.waitForQueued(1));
+            assertTrue(Media.await(() -> window.queuedCount() > 0, 5000));
             render.release();
             TestWindow.Buffer shown = window.last();
             assertEquals(W + "x" + H, shown.width + "x" + shown.height);
