@@ -8,7 +8,7 @@ final class TestWindow implements AutoCloseable {
         System.loadLibrary("kavra_junit_native");
     }
 
-    /** One queued buffer, YV12: luma rows {@code stride} bytes apart, then V, then U. */
+    /** One queued buffer, YV12: luma rows {@code stride} bytes apart, then V, then U, each half as wide. */
     static final class Buffer {
         final int width;
         final int height;
@@ -24,12 +24,6 @@ final class TestWindow implements AutoCloseable {
 
         int luma(int x, int y) {
             return bytes[y * stride + x] & 0xff;
-        }
-
-        /** Chroma plane 0 (V) or 1 (U). */
-        int chroma(int plane, int x, int y) {
-            int chromaStride = (stride / 2 + 15) / 16 * 16;
-            return bytes[stride * height + plane * chromaStride * ((height + 1) / 2) + y * chromaStride + x] & 0xff;
         }
 
         int frameIndex() {
