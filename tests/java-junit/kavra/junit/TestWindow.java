@@ -8,26 +8,10 @@ final class TestWindow implements AutoCloseable {
         System.loadLibrary("kavra_junit_native");
     }
 
-    /** One queued buffer, YV12: luma rows {@code stride} bytes apart, then V, then U, each half as wide. */
-    static final class Buffer {
-        final int width;
-        final int height;
-        final int stride;
-        final byte[] bytes;
-
-        Buffer(int[] geometry, byte[] bytes) {
-            width = geometry[0];
-            height = geometry[1];
-            stride = geometry[2];
-            this.bytes = bytes;
-        }
-
-        int luma(int x, int y) {
-            return bytes[y * stride + x] & 0xff;
-        }
-
+    /** One queued buffer, YV12: luma rows {@code stride} bytes apart, then V, then U. */
+    record Buffer(int width, int height, int stride, byte[] bytes) {
         int frameIndex() {
-            return Media.frameIndex(width, height, this::luma);
+            return Media.frameIndex(width, height, (x, y) -> bytes[y * stride + x] & 0xff);
         }
     }
 
@@ -42,7 +26,7 @@ final class TestWindow implements AutoCloseable {
     Buffer last() {
         int[] geometry = new int[3];
         byte[] bytes = lastQueued(handle, geometry);
-        return bytes == null ? null : new Buffer(geometry, bytes);
+        return bytes == null ? null : new Buffer(geometry[0], geometry[1], geometry[2], bytes);
     }
 
     /** The window's consumer goes away: the surface can no longer be drawn into. */

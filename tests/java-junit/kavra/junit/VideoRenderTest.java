@@ -45,8 +45,8 @@ class VideoRenderTest {
             assertTrue(Media.await(() -> window.queuedCount() > 0, 5000));
             render.release();
             TestWindow.Buffer shown = window.last();
-            assertEquals(W + "x" + H + " stride " + W, shown.width + "x" + shown.height + " stride " + shown.stride);
-            assertArrayEquals(expected, Arrays.copyOf(shown.bytes, expected.length));
+            assertEquals(W + "x" + H + " stride " + W, shown.width() + "x" + shown.height() + " stride " + shown.stride());
+            assertArrayEquals(expected, Arrays.copyOf(shown.bytes(), expected.length));
         }
     }
 
