@@ -34,6 +34,7 @@ protected:
         owner = env->AllocObject(cls);
         ASSERT_FALSE(javaExceptionPending(env));
         listener = std::make_unique<NativeEventPostListener>(env, owner, owner, method);
+        resetRecorder(0);
     }
     void TearDown() override {
         listener.reset();
@@ -61,14 +62,12 @@ protected:
 TEST_F(NativeEventPostListenerTest, NativeThreadsAreAttachedForEachCallAndDetachedAfterwards) {
     resetRecorder(2);
     bool attachedAfter[3] = {true, true, true};
-    std::thread first([&] {
-        listener->notify(100, 0, 0);
-        attachedAfter[0] = attached();
-    });
-    std::thread second([&] {
-        listener->notify(101, 1, 0);
-        attachedAfter[1] = attached();
-    });
+    auto call = [&](int i) {
+        listener->notify(100 + i, i, 0);
+        attachedAfter[i] = attached();
+    };
+    std::thread first(call, 0);
+    std::thread second(call, 1);
     first.join();
     second.join();
     EXPECT_EQ(read("count"), 2);
@@ -87,7 +86,6 @@ TEST_F(NativeEventPostListenerTest, NativeThreadsAreAttachedForEachCallAndDetach
 // A thread that attached itself (as a Java thread is) is left attached, and
 // nothing thrown by the handler stays pending on it.
 TEST_F(NativeEventPostListenerTest, AnAttachedThreadStaysAttachedAndTheHandlersExceptionIsClearedAndLogged) {
-    resetRecorder(0);
     LogCapture log;
     bool pending = true;
     bool attachedAfter = false;
