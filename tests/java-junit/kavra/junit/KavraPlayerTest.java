@@ -39,6 +39,10 @@ class KavraPlayerTest {
     void seekWhilePausedShowsTheTargetFrameThenPlaysToCompletionWithEventsInOrder() throws Exception {
         // 2 s, 60 frames of 320x240, with sound.
         try (TestWindow window = new TestWindow(); KavraPlayer player = prepared("short_h264_aac.mp4", window)) {
+            // Unrotated, 30 fps; stereo at 44.1 kHz.
+            assertEquals("320x240 0 30 44100 2", player.getVideoWidth() + "x" + player.getVideoHeight() + " "
+                    + player.getRotation() + " " + player.getFrameRate() + " " + player.getSampleRate() + " "
+                    + player.getChannels());
             assertEquals(0, player.start());
             assertTrue(Media.await(() -> window.queuedCount() > 0, 10_000));
             assertEquals(0, player.pause());

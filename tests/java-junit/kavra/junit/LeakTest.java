@@ -50,7 +50,6 @@ class LeakTest {
             for (int round = 0; round < 2; round++) {
                 for (int i = 0; i < CYCLES; i++) {
                     try (KavraPlayer player = new KavraPlayer()) {
-                        player.setOnPreparedListener(p -> {});
                         player.setDataSource(clip);
                         player.setSurface(window.surface);
                         player.setAudioCallback(data -> {});
@@ -62,7 +61,6 @@ class LeakTest {
                         assertEquals(0, item.getThumbnailList(pixels, 80, 60, 0, 1000, 2, index -> {}));
                     }
                     try (KavraTrimer trimer = new KavraTrimer(Media.fixture("mpeg4.mp4"), trimmed)) {
-                        trimer.setOnProgressListener((t, percent) -> {});
                         trimer.setTrimRange(0, 100_000);
                         assertEquals(0, trimer.prepare());
                     }

@@ -57,9 +57,9 @@ class VideoItemTest {
         File jpeg = dir.resolve("snap.jpg").toFile();
         VideoItem item = new VideoItem();
         assertEquals(0, item.setDataSource(Media.fixture("h264_aac.mp4"), true));
-        assertEquals(320, item.getWidth());
-        assertEquals(240, item.getHeight());
-        assertEquals(28, item.getVideoMimeId());
+        // Unrotated, 30 fps, H.264 (28).
+        assertEquals("320x240 0 30 28", item.getWidth() + "x" + item.getHeight() + " " + item.getRotation() + " "
+                + item.getFrameRate() + " " + item.getVideoMimeId());
 
         int[] short1 = new int[W * H - 1];
         assertTrue(item.getKeyFrameAt(short1, W, H, 2500) < 0);
