@@ -27,15 +27,11 @@ TEST(JniPcmSink, JavaExceptionsAreLoggedAndCleared) {
         JniPcmSink sink(env, callback);
         EXPECT_EQ(sink.deliver(pcm, sizeof(pcm)), -1);
         EXPECT_FALSE(javaExceptionPending(env)) << "the callback's exception was left pending";
-        EXPECT_EQ(sink.deliver(pcm, sizeof(pcm)), -1);
-        EXPECT_FALSE(javaExceptionPending(env));
         std::thread native([&] { EXPECT_EQ(sink.deliver(pcm, sizeof(pcm)), -1); });
         native.join();
     }
-    jint calls = env->CallIntMethod(callback, env->GetMethodID(cls, "calls", "()I"));
-    ASSERT_FALSE(javaExceptionPending(env));
-    EXPECT_EQ(calls, 3);
-    EXPECT_EQ(log.count("AudioRender", "onAudioBuffer threw an exception."), 3);
+    EXPECT_EQ(env->GetIntField(callback, env->GetFieldID(cls, "calls", "I")), 2);
+    EXPECT_EQ(log.count("AudioRender", "onAudioBuffer threw an exception."), 2);
     env->DeleteLocalRef(callback);
     env->DeleteLocalRef(cls);
 }

@@ -54,16 +54,11 @@ JNIEXPORT void JNICALL Java_kavra_junit_TestWindow_abandon(JNIEnv*, jclass, jlon
     fromHandle(handle)->surface.abandon();
 }
 
-JNIEXPORT jboolean JNICALL Java_kavra_junit_TestWindow_waitForQueued(JNIEnv*, jclass, jlong handle, jint count,
-                                                                     jint timeoutMs) {
-    return fromHandle(handle)->window->waitForQueued(static_cast<uint64_t>(count), timeoutMs) ? JNI_TRUE : JNI_FALSE;
-}
-
 JNIEXPORT jint JNICALL Java_kavra_junit_TestWindow_queuedCount(JNIEnv*, jclass, jlong handle) {
     return static_cast<jint>(fromHandle(handle)->window->queuedCount());
 }
 
-// The last queued buffer: {width, height, stride, format} into `geometry`
+// The last queued buffer: {width, height, stride} into `geometry`
 // and its bytes as the result; null when none was queued.
 JNIEXPORT jbyteArray JNICALL Java_kavra_junit_TestWindow_lastQueued(JNIEnv* env, jclass, jlong handle,
                                                                     jintArray geometry) {
@@ -72,8 +67,8 @@ JNIEXPORT jbyteArray JNICALL Java_kavra_junit_TestWindow_lastQueued(JNIEnv* env,
         return nullptr;
     }
     MemoryNativeWindow::QueuedBuffer buffer = window.kept(window.keptCount() - 1);
-    const jint values[4] = {buffer.width, buffer.height, buffer.stride, buffer.format};
-    env->SetIntArrayRegion(geometry, 0, 4, values);
+    const jint values[3] = {buffer.width, buffer.height, buffer.stride};
+    env->SetIntArrayRegion(geometry, 0, 3, values);
     jbyteArray bytes = env->NewByteArray(static_cast<jsize>(buffer.bytes.size()));
     if (bytes != nullptr) {
         env->SetByteArrayRegion(bytes, 0, static_cast<jsize>(buffer.bytes.size()),

@@ -3,10 +3,13 @@ package kavra.junit;
 import static org.junit.jupiter.api.Assertions.assertTrue;
 
 import java.io.File;
+import java.nio.charset.StandardCharsets;
+import java.util.List;
+import java.util.concurrent.TimeUnit;
 import java.util.function.BooleanSupplier;
 import java.util.function.IntBinaryOperator;
 
-/** The generated test media, and reading the frame index drawn into their frames. */
+/** The generated test media, reading the frame index drawn into their frames, and running commands on them. */
 final class Media {
     private Media() {}
 
@@ -49,5 +52,13 @@ final class Media {
             Thread.sleep(10);
         }
         return true;
+    }
+
+    /** The command's output (stdout and stderr together), trimmed, then "exit STATUS" on a line of its own. */
+    static String run(List<String> command) throws Exception {
+        Process process = new ProcessBuilder(command).redirectErrorStream(true).start();
+        String output = new String(process.getInputStream().readAllBytes(), StandardCharsets.UTF_8);
+        assertTrue(process.waitFor(60, TimeUnit.SECONDS), "hangs: " + command);
+        return output.trim() + "\nexit " + process.exitValue();
     }
 }

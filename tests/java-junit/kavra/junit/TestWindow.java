@@ -9,40 +9,14 @@ final class TestWindow implements AutoCloseable {
     }
 
     /** One queued buffer, YV12: luma rows {@code stride} bytes apart, then V, then U. */
-    static final class Buffer {
-        final int width;
-        final int height;
-        final int stride;
-        final byte[] bytes;
-
-        Buffer(int[] geometry, byte[] bytes) {
-            width = geometry[0];
-            height = geometry[1];
-            stride = geometry[2];
-            this.bytes = bytes;
-        }
-
-        int luma(int x, int y) {
-            return bytes[y * stride + x] & 0xff;
-        }
-
-        /** Chroma plane 0 (V) or 1 (U). */
-        int chroma(int plane, int x, int y) {
-            int chromaStride = (stride / 2 + 15) / 16 * 16;
-            return bytes[stride * height + plane * chromaStride * ((height + 1) / 2) + y * chromaStride + x] & 0xff;
-        }
-
+    record Buffer(int width, int height, int stride, byte[] bytes) {
         int frameIndex() {
-            return Media.frameIndex(width, height, this::luma);
+            return Media.frameIndex(width, height, (x, y) -> bytes[y * stride + x] & 0xff);
         }
     }
 
     private long handle = create();
     final Surface surface = new Surface(surfaceAddress(handle));
-
-    boolean waitForQueued(int count) {
-        return waitForQueued(handle, count, 5000);
-    }
 
     int queuedCount() {
         return queuedCount(handle);
@@ -50,9 +24,9 @@ final class TestWindow implements AutoCloseable {
 
     /** The last buffer queued, or null. */
     Buffer last() {
-        int[] geometry = new int[4];
+        int[] geometry = new int[3];
         byte[] bytes = lastQueued(handle, geometry);
-        return bytes == null ? null : new Buffer(geometry, bytes);
+        return bytes == null ? null : new Buffer(geometry[0], geometry[1], geometry[2], bytes);
     }
 
     /** The window's consumer goes away: the surface can no longer be drawn into. */
@@ -73,8 +47,6 @@ final class TestWindow implements AutoCloseable {
     private static native long surfaceAddress(long handle);
 
     private static native void abandon(long handle);
-
-    private static native boolean waitForQueued(long handle, int count, int timeoutMs);
 
     private static native int queuedCount(long handle);
 

@@ -28,11 +28,10 @@ class VideoItemTest {
             List<Integer> calls = new ArrayList<>();
             List<Integer> shown = new ArrayList<>();
             // Times 500, 1500, 2500 ms: the key frames before them are frames 0, 30, 60.
-            int result = item.getThumbnailList(pixels, W, H, 500, 2500, 3, index -> {
+            assertEquals(0, item.getThumbnailList(pixels, W, H, 500, 2500, 3, index -> {
                 calls.add(index);
                 shown.add(Media.frameIndex(pixels, W, H));
-            });
-            assertEquals(0, result);
+            }));
             assertEquals(List.of(0, 1, 2), calls);
             assertEquals(List.of(0, 30, 60), shown);
         }
@@ -52,48 +51,36 @@ class VideoItemTest {
         }
     }
 
+    /** After release (twice over) every call answers as for a missing item. */
     @Test
-    void keyFrameNeedsAnArrayOfExactlyTheRequestedSize() {
-        try (VideoItem item = new VideoItem()) {
-            assertEquals(0, item.setDataSource(Media.fixture("h264_aac.mp4"), true));
-            assertEquals(320, item.getWidth());
-            assertEquals(240, item.getHeight());
-            assertEquals(28, item.getVideoMimeId());
-
-            int[] short1 = new int[W * H - 1];
-            assertTrue(item.getKeyFrameAt(short1, W, H, 2500) < 0);
-            assertArrayEquals(new int[W * H - 1], short1);
-
-            int[] pixels = new int[W * H];
-            assertEquals(0, item.getKeyFrameAt(pixels, W, H, 2500));
-            assertEquals(60, Media.frameIndex(pixels, W, H));
-        }
-    }
-
-    @Test
-    void snapshotIsWrittenAsJpeg(@TempDir Path dir) throws Exception {
+    void keyFrameNeedsAnExactArraySnapshotIsJpegAndAReleasedItemAnswersAsMissing(@TempDir Path dir) throws Exception {
         File jpeg = dir.resolve("snap.jpg").toFile();
-        try (VideoItem item = new VideoItem()) {
-            assertEquals(0, item.setDataSource(Media.fixture("h264_aac.mp4"), false));
-            assertEquals(0, item.snapShot(jpeg.getPath(), 1000));
-        }
+        VideoItem item = new VideoItem();
+        assertEquals(0, item.setDataSource(Media.fixture("h264_aac.mp4"), true));
+        // Unrotated, 30 fps, H.264 (28).
+        assertEquals("320x240 0 30 28", item.getWidth() + "x" + item.getHeight() + " " + item.getRotation() + " "
+                + item.getFrameRate() + " " + item.getVideoMimeId());
+
+        int[] short1 = new int[W * H - 1];
+        assertTrue(item.getKeyFrameAt(short1, W, H, 2500) < 0);
+        assertArrayEquals(new int[W * H - 1], short1);
+        int[] pixels = new int[W * H];
+        assertEquals(0, item.getKeyFrameAt(pixels, W, H, 2500));
+        assertEquals(60, Media.frameIndex(pixels, W, H));
+
+        assertEquals(0, item.snapShot(jpeg.getPath(), 1000));
         byte[] bytes = Files.readAllBytes(jpeg.toPath());
         assertTrue(bytes.length > 100);
         assertEquals(0xff, bytes[0] & 0xff);
         assertEquals(0xd8, bytes[1] & 0xff);
-    }
 
-    @Test
-    void releasedItemAnswersAsMissing() {
-        VideoItem item = new VideoItem();
-        assertEquals(0, item.setDataSource(Media.fixture("h264_aac.mp4"), false));
         item.release();
         item.release();
         assertEquals(-1, item.getWidth());
         assertEquals(-1, item.getDuration());
-        assertEquals(-1, item.getKeyFrameAt(new int[W * H], W, H, 0));
-        assertEquals(-1, item.snapShot("/nonexistent/x.jpg", 0));
+        assertEquals(-1, item.getKeyFrameAt(pixels, W, H, 0));
+        assertEquals(-1, item.snapShot(jpeg.getPath(), 0));
         // A strip without an item answers 0, not -1.
-        assertEquals(0, item.getThumbnailList(new int[W * H], W, H, 0, 1000, 2, index -> {}));
+        assertEquals(0, item.getThumbnailList(pixels, W, H, 0, 1000, 2, index -> {}));
     }
 }

@@ -1,15 +1,11 @@
 package kavra.test;
 
-/** An audio callback whose every call throws, after counting itself. */
+/** An audio callback whose every call throws, after counting itself in {@code calls}. */
 public final class FailingPcmCallback {
     private int calls;
 
     public synchronized void onAudioBuffer(byte[] pcm) {
         calls++;
         throw new IllegalStateException("audio sink refused " + pcm.length + " bytes");
-    }
-
-    public synchronized int calls() {
-        return calls;
     }
 }

@@ -14,10 +14,6 @@ public final class PcmRecorder {
         return buffers.size();
     }
 
-    public synchronized int sizeAt(int index) {
-        return buffers.get(index).length;
-    }
-
     public synchronized byte[] bufferAt(int index) {
         return buffers.get(index).clone();
     }
