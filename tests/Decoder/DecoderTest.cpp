@@ -116,7 +116,7 @@ TEST(FFmpegDecoderCreate, RefusedWhileTheThreadDecodesAndRepeatableAfterRelease)
         out.start();
         ASSERT_EQ(decoder.start(), 0);
         ASSERT_EQ(feedStream(media.extractor, media.video, decoder, nullptr, 30), 30);
-        ASSERT_TRUE(out.waitForFrames(10, 30000));
+        ASSERT_TRUE(eventually([&] { return out.frames().size() >= 10; }, 30000));
         EXPECT_EQ(decoder.create(media.stream(media.video)), -1);
         EXPECT_TRUE(log.contains("FFmpegDecoder", "create->decoder is running"));
         ASSERT_EQ(feedStream(media.extractor, media.video, decoder), 30);

@@ -95,15 +95,11 @@ public:
     OutputCollector& operator=(const OutputCollector&) = delete;
 
     void start() { mThread = std::thread([this] { run(); }); }
-    // True once the end-of-stream record arrived, false if it did not within
-    // the time-out.
+    // True once `ends` end-of-stream records arrived, false if they did not
+    // within the time-out.
     bool waitForEnd(int timeoutMs, int ends = 1) {
         std::unique_lock<std::mutex> lock(mMutex);
         return mCond.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return mEnds >= ends; });
-    }
-    bool waitForFrames(size_t n, int timeoutMs) {
-        std::unique_lock<std::mutex> lock(mMutex);
-        return mCond.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return mFrames.size() >= n; });
     }
     void finish() {
         mStop = true;

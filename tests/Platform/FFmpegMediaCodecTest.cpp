@@ -115,18 +115,11 @@ TEST(FFmpegMediaCodec, RefusesCallsOutOfOrderAndBadArguments) {
     ASSERT_NE(codec, nullptr);
     MediaCodecBufferInfo info;
     EXPECT_EQ(codec->start(), MediaCodec::ERROR_INVALID_OPERATION) << "not configured";
-    EXPECT_EQ(codec->dequeueInputBuffer(0), MediaCodec::ERROR_INVALID_OPERATION);
     EXPECT_EQ(codec->dequeueOutputBuffer(&info, 0), MediaCodec::ERROR_INVALID_OPERATION);
-    EXPECT_EQ(codec->flush(), MediaCodec::ERROR_INVALID_OPERATION);
-
-    MediaFormat other = videoFormat();
-    other.setString(MediaFormat::KEY_MIME, "video/hevc");
-    EXPECT_EQ(codec->configure(&other, nullptr, nullptr, 0), MediaCodec::ERROR_UNSUPPORTED);
     MediaFormat semiPlanar = videoFormat();
     semiPlanar.setInt32(MediaFormat::KEY_COLOR_FORMAT, 21);
     EXPECT_EQ(codec->configure(&semiPlanar, nullptr, nullptr, 0), MediaCodec::ERROR_UNSUPPORTED);
     MediaFormat format = videoFormat();
-    EXPECT_EQ(codec->configure(&format, nullptr, nullptr, 1), MediaCodec::ERROR_UNSUPPORTED) << "no encoding";
     ASSERT_EQ(codec->configure(&format, nullptr, nullptr, 0), MediaCodec::OK);
     EXPECT_EQ(codec->configure(&format, nullptr, nullptr, 0), MediaCodec::ERROR_INVALID_OPERATION);
     ASSERT_EQ(codec->start(), MediaCodec::OK);
