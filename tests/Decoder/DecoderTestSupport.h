@@ -1,7 +1,7 @@
 #pragma once
 
-// Helpers shared by the decoding tests: reference decoding with plain
-// FFmpeg calls, packet lists, ffprobe counts and picture hashes.
+// Helpers shared by the decoding tests: a file opened and fed to a decoder,
+// an output queue drained on its own thread, ffprobe counts, picture hashes.
 
 #include <gtest/gtest.h>
 
