@@ -114,36 +114,6 @@ TEST_F(AudioRenderTest, HandsStereoFramesToJavaAsInterleaved16BitPcm) {
     EXPECT_EQ(recorder.count(), 2);
 }
 
-TEST_F(AudioRenderTest, ANewCallbackReleasesTheOldOne) {
-    jclass system = env->FindClass("java/lang/System");
-    jmethodID gc = env->GetStaticMethodID(system, "gc", "()V");
-    auto collected = [&](jweak weak, int attempts) {
-        for (int i = 0; i < attempts; ++i) {
-            env->CallStaticVoidMethod(system, gc);
-            if (env->IsSameObject(weak, nullptr)) {
-                return true;
-            }
-        }
-        return false;
-    };
-    AudioRender render;
-    jweak first = nullptr;
-    {
-        Recorder recorder(env);
-        render.setAudioPlay(env, recorder.object());
-        first = env->NewWeakGlobalRef(recorder.object());
-    }
-    EXPECT_FALSE(collected(first, 3)) << "the renderer holds its callback";
-    Recorder second(env);
-    render.setAudioPlay(env, second.object());
-    EXPECT_TRUE(collected(first, 20)) << "the first callback's reference was not released";
-    FrameBuffer record = audioRecord(frames[0].get(), 0);
-    render.renderFrame(&record, 0);
-    EXPECT_EQ(second.count(), 1);
-    env->DeleteWeakGlobalRef(first);
-    env->DeleteLocalRef(system);
-}
-
 TEST_F(AudioRenderTest, FlushCutsTheWaitBeforeAFrameShort) {
     Recorder recorder(env);
     AudioRender render;
