@@ -1,7 +1,7 @@
 #pragma once
 
-// Helpers shared by the decoding tests: reference decoding with plain
-// FFmpeg calls, packet lists, ffprobe counts and picture hashes.
+// Helpers shared by the decoding tests: a file opened and fed to a decoder,
+// an output queue drained on its own thread, ffprobe counts, picture hashes.
 
 #include <gtest/gtest.h>
 
@@ -61,14 +61,12 @@ inline uint64_t hashPicture(const uint8_t* const data[], const int linesize[], i
 }
 
 // One frame as a consumer saw it in the output queue; for a picture also
-// the index drawn into it and a hash of its planes, for planar float audio
-// the sign changes of its first channel (a measure of a tone's pitch).
+// the index drawn into it and a hash of its planes.
 struct DecodedFrame {
     int ptsMs = 0, durationMs = 0, size = 0, type = 0, format = 0, width = 0, height = 0;
     int sampleRate = 0, channels = 0, nbSamples = 0;
     int index = -1;
     uint64_t hash = 0;
-    int crossings = -1;
 };
 
 inline DecodedFrame describeFrame(const FrameBuffer* b) {
@@ -80,12 +78,6 @@ inline DecodedFrame describeFrame(const FrameBuffer* b) {
         const Picture* p = pictureOf(b);
         f.index = frameIndexFromLuma(p->data[0], p->linesize[0], b->width, b->height);
         f.hash = hashPicture(p->data, p->linesize, b->width, b->height);
-    } else if (b->format == AV_SAMPLE_FMT_FLTP && b->nbSamples > 0 && b->size > 0) {
-        const float* left = reinterpret_cast<const float*>(static_cast<const AVFrame*>(b->data)->extended_data[0]);
-        f.crossings = 0;
-        for (int i = 1; i < b->nbSamples; ++i) {
-            f.crossings += (left[i - 1] < 0.0f) != (left[i] < 0.0f) ? 1 : 0;
-        }
     }
     return f;
 }
@@ -103,15 +95,11 @@ public:
     OutputCollector& operator=(const OutputCollector&) = delete;
 
     void start() { mThread = std::thread([this] { run(); }); }
-    // True once the end-of-stream record arrived, false if it did not within
-    // the time-out.
+    // True once `ends` end-of-stream records arrived, false if they did not
+    // within the time-out.
     bool waitForEnd(int timeoutMs, int ends = 1) {
         std::unique_lock<std::mutex> lock(mMutex);
         return mCond.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return mEnds >= ends; });
-    }
-    bool waitForFrames(size_t n, int timeoutMs) {
-        std::unique_lock<std::mutex> lock(mMutex);
-        return mCond.wait_for(lock, std::chrono::milliseconds(timeoutMs), [&] { return mFrames.size() >= n; });
     }
     void finish() {
         mStop = true;
@@ -131,11 +119,6 @@ public:
     int ends() const {
         std::lock_guard<std::mutex> lock(mMutex);
         return mEnds;
-    }
-    // Forgets the frames seen so far.
-    void clear() {
-        std::lock_guard<std::mutex> lock(mMutex);
-        mFrames.clear();
     }
 
 private:
@@ -183,25 +166,6 @@ private:
     int mAfterEnd = 0;
 };
 
-// Hands a packet to a decoder the way the demux thread does: a 5 ms wait,
-// retried while the input queue is full. False (packet freed) on any other
-// failure or after ten seconds.
-inline bool queuePacket(Decoder& decoder, AVPacket* pkt) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    for (;;) {
-        int ret = decoder.queueInputBuffer(pkt, 5);
-        if (ret == 0) {
-            return true;
-        }
-        if (ret != -2 || std::chrono::steady_clock::now() > deadline) {
-            if (pkt != nullptr) {
-                av_packet_unref(pkt);
-            }
-            return false;
-        }
-    }
-}
-
 // A file opened with the media extractor, its best streams found.
 struct OpenedMedia {
     FFmpegMediaExtractor extractor;
@@ -218,12 +182,25 @@ struct OpenedMedia {
     AVStream* stream(int index) { return extractor.getStream(index); }
 };
 
-// Feeds the packets of one stream to the decoder, then its end marker.
-// `alter(n, pkt)` may change the n-th packet of the stream before it goes
-// in; `limit` stops after that many packets (no end marker then). Returns
-// the number of packets fed, -1 when the decoder refused one.
+// Feeds the packets of one stream to the decoder, then its end marker,
+// the way the demux thread does: a 5 ms wait, retried while the input queue
+// is full. `alter(n, pkt)` may change the n-th packet of the stream before
+// it goes in; `limit` stops after that many packets (no end marker then).
+// Returns the number of packets fed, -1 when the decoder refused one or
+// stayed full for ten seconds.
 inline int feedStream(FFmpegMediaExtractor& extractor, int streamIndex, Decoder& decoder,
                       const std::function<void(int, AVPacket*)>& alter = nullptr, int limit = -1) {
+    auto queuePacket = [&decoder](AVPacket* pkt) {
+        auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        int ret = -2;
+        while (ret == -2 && std::chrono::steady_clock::now() < deadline) {
+            ret = decoder.queueInputBuffer(pkt, 5);
+        }
+        if (ret != 0 && pkt != nullptr) {
+            av_packet_unref(pkt);
+        }
+        return ret == 0;
+    };
     ScopedAVPacket pkt = makeScopedAVPacket();
     int n = 0;
     while ((limit < 0 || n < limit) && extractor.readFrame(pkt.get()) == 0) {
@@ -235,11 +212,11 @@ inline int feedStream(FFmpegMediaExtractor& extractor, int streamIndex, Decoder&
             alter(n, pkt.get());
         }
         n += 1;
-        if (!queuePacket(decoder, pkt.get())) {
+        if (!queuePacket(pkt.get())) {
             return -1;
         }
     }
-    if (limit < 0 && !queuePacket(decoder, nullptr)) {
+    if (limit < 0 && !queuePacket(nullptr)) {
         return -1;
     }
     return n;

@@ -200,10 +200,36 @@ TEST(MediaCodecVideoDecoderCreate, FailuresAreRefusedAndReleased) {
     EXPECT_LT(notH264.create(mpeg4.stream(mpeg4.video)), 0);
 }
 
+// A picture above the codec's size limit is refused with a clear error, and
+// so is one that only the stream's parameter sets announce (the container
+// understating it): no picture comes out, but the stream still ends.
+TEST(MediaCodecVideoDecoderCreate, PicturesAboveTheSizeLimitAreRefused) {
+    LogCapture log;
+    OpenedMedia huge;
+    ASSERT_TRUE(huge.open(fixture("h264_8192x8192.mp4")));
+    AVStream* stream = huge.stream(huge.video);
+    MediaCodecVideoDecoder announced;
+    EXPECT_EQ(announced.create(stream), -1);
+    EXPECT_TRUE(log.contains("FFmpegMediaCodec",
+                             "configure->picture 8192x8192 is larger than the supported 8192x4352 pixels"));
+    stream->codecpar->width = 320;
+    stream->codecpar->height = 240;
+    MediaCodecVideoDecoder understated;
+    ASSERT_EQ(understated.create(stream), 0);
+    OutputCollector out(understated.getOutputQueue());
+    out.start();
+    ASSERT_EQ(understated.start(), 0);
+    EXPECT_EQ(feedStream(huge.extractor, huge.video, understated), 1);
+    EXPECT_TRUE(out.waitForEnd(30000)) << "the stream must end";
+    out.finish();
+    EXPECT_TRUE(out.frames().empty());
+}
+
 // A raw H.264 stream whose picture grows after one second: a second format
 // announcement replaces the slots by larger ones, and the pictures of both
-// sizes come out, identical to the software decoder's.
-TEST(MediaCodecVideoDecoderFormat, ASizeChangeReplacesTheSlots) {
+// sizes come out, identical to the software decoder's. 4:2:2 pictures come
+// out converted to planar 4:2:0, every one in order.
+TEST(MediaCodecVideoDecoderFormat, ASizeChangeReplacesTheSlotsAndOtherFormatsBecome420) {
     const std::string path = fixture("h264_size_change.h264");
     LogCapture log;
     MediaCodecVideoDecoder codec;
@@ -222,13 +248,8 @@ TEST(MediaCodecVideoDecoderFormat, ASizeChangeReplacesTheSlots) {
         ASSERT_EQ(frames[i].index, static_cast<int>(i)) << "frame " << i;
         ASSERT_EQ(frames[i].hash, reference[i].hash) << "frame " << i;
     }
-}
-
-// 4:2:2 pictures, which the codec converts to the packed 4:2:0 it hands
-// out: every one comes out, in order.
-TEST(MediaCodecVideoDecoderFormat, OtherPixelFormatsComeOutAsPlanar420) {
-    MediaCodecVideoDecoder codec;
-    std::vector<DecodedFrame> frames = decodeStream(codec, fixture("h264_422.mp4"), 0);
+    MediaCodecVideoDecoder codec422;
+    frames = decodeStream(codec422, fixture("h264_422.mp4"), 0);
     expectWholeVideo(frames, 60);
     EXPECT_EQ(frames[0].format, AV_PIX_FMT_YUV420P);
 }

@@ -31,6 +31,20 @@ private:
     std::atomic<int>* mCount;
 };
 
+// Hands a video frame over until the renderer took it: a late frame is
+// dropped while the presentation thread is busy with the one before.
+void renderVideoTaken(RenderManager& manager, FrameBuffer* record) {
+    VideoRender* render = manager.getVideoRender();
+    for (int attempt = 0; attempt < 100; ++attempt) {
+        int dropped = render->getDroppedFrames();
+        manager.renderFrame(record, RenderManager::kStreamVideo);
+        if (render->getDroppedFrames() == dropped) {
+            return;
+        }
+    }
+    ADD_FAILURE() << "the frame was dropped 100 times";
+}
+
 class RenderManagerTest : public ::testing::Test {
 protected:
     RenderManagerTest() : now(5000000000LL), manager([this] { return now.load(); }) {}
@@ -46,20 +60,6 @@ protected:
     }
 
     void advanceMs(int64_t ms) { now += ms * 1000; }
-
-    // Hands a video frame over until the renderer took it (a frame without
-    // delay is dropped while the presentation thread holds its lock).
-    void renderVideoTaken(FrameBuffer* record) {
-        VideoRender* render = manager.getVideoRender();
-        for (int attempt = 0; attempt < 100; ++attempt) {
-            int dropped = render->getDroppedFrames();
-            manager.renderFrame(record, RenderManager::kStreamVideo);
-            if (render->getDroppedFrames() == dropped) {
-                return;
-            }
-        }
-        ADD_FAILURE() << "the frame was dropped 100 times";
-    }
 
     int shownIndex(size_t buffer) {
         MemoryNativeWindow::QueuedBuffer b = window->kept(buffer);
@@ -77,7 +77,7 @@ protected:
 TEST_F(RenderManagerTest, FreeRenderingShowsAtOnceAndSetsTheClockFromTheFrame) {
     manager.setStartTime(1000);
     FrameBuffer frame = videoRecord(video[2].get(), 7000);
-    renderVideoTaken(&frame);
+    renderVideoTaken(manager, &frame);
     ASSERT_TRUE(window->waitForQueued(1, 10000));
     EXPECT_EQ(shownIndex(0), 2);
     EXPECT_EQ(manager.getCurrentTime(), 7000) << "the frame time as it stands, start time not subtracted";
@@ -107,7 +107,7 @@ TEST_F(RenderManagerTest, PacedRenderingFollowsTheClockAndSkipsADisabledStream) 
     manager.renderFrame(&hidden, RenderManager::kStreamVideo);
     manager.openStreamRender(RenderManager::kStreamVideo);
     FrameBuffer shown = videoRecord(video[2].get(), 3000);
-    renderVideoTaken(&shown);
+    renderVideoTaken(manager, &shown);
     ASSERT_TRUE(window->waitForQueued(1, 10000));
     EXPECT_EQ(shownIndex(0), 2) << "a disabled stream's frame was shown";
 
@@ -175,14 +175,7 @@ TEST_P(RenderManagerUntimed, ShowsEveryFrameInOrderAtItsPace) {
                 return true;
             }
             times.push_back(frame->ptsMs);
-            // A late frame the presentation thread was too busy for is
-            // handed again, so that every frame is seen.
-            VideoRender* render = manager.getVideoRender();
-            int dropped = 0;
-            do {
-                dropped = render->getDroppedFrames();
-                manager.renderFrame(frame, RenderManager::kStreamVideo);
-            } while (!stop && render->getDroppedFrames() != dropped);
+            renderVideoTaken(manager, frame);
             queue->releaseOutputBuffer();
             window->waitForQueued(times.size(), 5000);
         }

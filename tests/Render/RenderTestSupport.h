@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstring>
+#include <future>
 #include <string>
 #include <vector>
 
@@ -74,6 +76,25 @@ inline ScopedAVFrame patternFrame(int width, int height, int seed) {
         }
     }
     return frame;
+}
+
+// One flush ends a renderer's wait before a due frame, whether it comes
+// during the wait or just before the wait begins (a flush the producer has
+// not seen yet); either way the frame is still handed on.
+template <class Render>
+void expectOneFlushEndsTheWait(Render& render, FrameBuffer* record) {
+    for (bool flushFirst : {false, true}) {
+        if (flushFirst) {
+            render.flush();
+        }
+        std::future<int> waiting = std::async(std::launch::async, [&] { return render.renderFrame(record, 30000); });
+        if (!flushFirst) {
+            render.flush();
+        }
+        ASSERT_EQ(waiting.wait_for(std::chrono::seconds(10)), std::future_status::ready)
+            << (flushFirst ? "a flush before the frame was lost" : "flush did not cut the wait short");
+        EXPECT_EQ(waiting.get(), 0);
+    }
 }
 
 }  // namespace kavra::test

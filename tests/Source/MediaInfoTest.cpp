@@ -60,11 +60,18 @@ TEST_P(MediaInfoMatchesFfprobe, EveryStreamAndTheContainer) {
         const StreamInfo& s = info.streamInfos[i];
         const std::string type = probe.stream(i, "codec_type");
         SCOPED_TRACE("stream " + std::to_string(i) + " (" + type + ")");
-        if (type == "video") {
-            ++videos;
-            EXPECT_EQ(s.mediaType, 0);
-            EXPECT_EQ(s.streamIndex, i);
-            EXPECT_EQ(std::string(s.coderName), probe.stream(i, "codec_name"));
+        if (type != "video" && type != "audio") {
+            EXPECT_NE(s.mediaType, 0);
+            EXPECT_NE(s.mediaType, 1);
+            EXPECT_EQ(s.streamIndex, -1) << "entries of other kinds stay as initialised";
+            continue;
+        }
+        const bool video = type == "video";
+        (video ? videos : audios) += 1;
+        EXPECT_EQ(s.mediaType, video ? 0 : 1);
+        EXPECT_EQ(s.streamIndex, i);
+        EXPECT_EQ(std::string(s.coderName), probe.stream(i, "codec_name"));
+        if (video) {
             EXPECT_EQ(s.width, probe.streamNumber(i, "width"));
             EXPECT_EQ(s.height, probe.streamNumber(i, "height"));
             int num = 0, den = 0;
@@ -76,18 +83,9 @@ TEST_P(MediaInfoMatchesFfprobe, EveryStreamAndTheContainer) {
                 EXPECT_EQ(s.rotation, 90) << "the phone clip is turned a quarter clockwise";
             }
             EXPECT_EQ(s.has_b_frame, probe.streamNumber(i, "has_b_frames"));
-        } else if (type == "audio") {
-            ++audios;
-            EXPECT_EQ(s.mediaType, 1);
-            EXPECT_EQ(s.streamIndex, i);
-            EXPECT_EQ(std::string(s.coderName), probe.stream(i, "codec_name"));
+        } else {
             EXPECT_EQ(s.samplerate, probe.streamNumber(i, "sample_rate"));
             EXPECT_EQ(s.channels, probe.streamNumber(i, "channels"));
-        } else {
-            EXPECT_NE(s.mediaType, 0);
-            EXPECT_NE(s.mediaType, 1);
-            EXPECT_EQ(s.streamIndex, -1) << "entries of other kinds stay as initialised";
-            continue;
         }
         expectMs(s.startTime, probe.streamNumber(i, "start_time"), "start time");
         if (probe.has("streams.stream." + std::to_string(i) + ".duration")) {
@@ -98,17 +96,11 @@ TEST_P(MediaInfoMatchesFfprobe, EveryStreamAndTheContainer) {
     }
     EXPECT_EQ(info.videoStreamNum, videos);
     EXPECT_EQ(info.audioStreamNum, audios);
-    if (videos > 0) {
-        ASSERT_GE(info.bestVideoStreamIndex, 0);
-        EXPECT_EQ(info.streamInfos[info.bestVideoStreamIndex].mediaType, 0);
-    } else {
-        EXPECT_EQ(info.bestVideoStreamIndex, -1);
-    }
-    if (audios > 0) {
-        ASSERT_GE(info.bestAudioStreamIndex, 0);
-        EXPECT_EQ(info.streamInfos[info.bestAudioStreamIndex].mediaType, 1);
-    } else {
-        EXPECT_EQ(info.bestAudioStreamIndex, -1);
+    // The best stream of a kind is one of that kind, or -1 when there is none.
+    for (int kind : {0, 1}) {
+        int best = kind == 0 ? info.bestVideoStreamIndex : info.bestAudioStreamIndex;
+        ASSERT_EQ(best >= 0, (kind == 0 ? videos : audios) > 0) << "kind " << kind;
+        EXPECT_TRUE(best == -1 || info.streamInfos[best].mediaType == kind) << "kind " << kind;
     }
 }
 
