@@ -1,8 +1,7 @@
 #pragma once
 
 // What the trimmer tests read back from files: decoded frame indices, packet
-// bytes, stream lengths; checks with the ffmpeg tool; scratch directories and
-// media made for a single test.
+// bytes, stream lengths; checks with the ffmpeg tool.
 
 #include <gtest/gtest.h>
 
@@ -39,14 +38,6 @@ inline std::string ffmpegDecodeComplaints(const std::string& path) {
     return r.output;
 }
 
-inline bool runTool(const std::string& command) {
-    CommandResult r = runCommand(command + " 2>&1");
-    if (r.status != 0) {
-        ADD_FAILURE() << command << "\n" << r.output;
-    }
-    return r.status == 0;
-}
-
 struct Packet {
     bool key;
     std::vector<uint8_t> data;
@@ -62,6 +53,7 @@ struct MediaReport {
     std::vector<int> frames;           // decoded frame indices, display order
     std::vector<std::vector<uint8_t>> pictures;  // decoded planes, display order (when asked)
     double videoSeconds = 0;           // sum of video packet durations
+    int64_t audioPackets = 0;
     double audioSeconds = 0;           // sum of audio packet durations
     double longestAudioPacket = 0;     // seconds
 };
@@ -130,6 +122,7 @@ inline MediaReport inspectMedia(const std::string& path, bool decode = true, boo
             }
         } else if (pkt->stream_index == audio) {
             double d = pkt->duration * av_q2d(in->streams[audio]->time_base);
+            ++report.audioPackets;
             report.audioSeconds += d;
             report.longestAudioPacket = std::max(report.longestAudioPacket, d);
         }
