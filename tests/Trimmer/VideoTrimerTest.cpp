@@ -64,65 +64,12 @@ void expectAudioMatchesVideo(const MediaReport& m) {
 }
 
 // ---------------------------------------------------------------------------
-// Keep and cut on fixtures of every kind of input.
+// Keep and cut on every kind of input, at the ends of the file, and with the
+// input's video codec kept. Key frames every 30 frames; in the open-GOP clip
+// only the first is an IDR picture. Inputs that cannot keep their codec fall
+// back to MPEG-4 and say why.
 
-struct Input {
-    const char* name;
-    bool copiable;     // MPEG-4 Part 2 without B-frames
-    bool hasAudio;
-};
-
-class TrimEveryInput : public ::testing::TestWithParam<Input> {
-protected:
-    std::string input() const { return fixture(GetParam().name); }
-    ScratchDir dir;
-};
-
-// 1100 ms is frame 33 exactly, 3500 ms frame 105; key frames every 30.
-// Keeping the range, then cutting it out and joining the rest.
-TEST_P(TrimEveryInput, KeepsOrCutsTheRangeFrameAccuratelyAndDecodesCleanly) {
-    const std::string hashBefore = fileHash(input());
-    for (int mode : {0, 1}) {
-        SCOPED_TRACE(mode == 0 ? "keep" : "cut");
-        std::string out = dir.file(std::to_string(mode) + ".mp4");
-        TrimRun r = trim(input(), out, 1100, 3500, mode);
-        ASSERT_EQ(r.prepared, 0);
-        ASSERT_EQ(r.trimmed, 0);
-        EXPECT_EQ(ffmpegDecodeComplaints(out), "");
-        MediaReport m = inspectMedia(out);
-        ASSERT_TRUE(m.opened);
-        EXPECT_EQ(m.videoCodec, AV_CODEC_ID_MPEG4);
-        EXPECT_EQ(m.rotation, 0);
-        EXPECT_EQ(m.frameRate.num * 1, 30 * m.frameRate.den);
-        EXPECT_EQ(m.frames, mode == 0 ? run(33, 105) : concat(run(0, 32), run(105, 299)));
-        EXPECT_NEAR(m.videoSeconds, mode == 0 ? 2.4 : 10.0 - 2.4, 1.0 / 30 + 1e-6);
-        // A copiable input is re-encoded up to the key frame at 60 (keep), or
-        // from the end to the key frame at 120 (cut); any other in full.
-        EXPECT_EQ(r.encoded, GetParam().copiable ? (mode == 0 ? 60 - 33 : 120 - 105) : static_cast<int64_t>(m.frames.size()));
-        EXPECT_EQ(r.copied + r.encoded, static_cast<int64_t>(m.frames.size()));
-        EXPECT_EQ(r.audio, m.audioPackets);
-        if (GetParam().hasAudio) {
-            expectAudioMatchesVideo(m);
-        } else {
-            EXPECT_EQ(m.audioStreams, 0);
-        }
-    }
-    EXPECT_EQ(fileHash(input()), hashBefore) << "the input must stay untouched";
-}
-
-INSTANTIATE_TEST_SUITE_P(Fixtures, TrimEveryInput,
-                         ::testing::Values(Input{"h264_aac.mp4", false, true}, Input{"mpeg4.mp4", true, true},
-                                           Input{"mpeg4_bframes.mp4", false, true},
-                                           Input{"video_only.mp4", false, false},
-                                           Input{"odd_size.mp4", true, true},
-                                           Input{"vp9.webm", false, true}, Input{"late_start.ts", false, true}),
-                         FixtureName());
-
-// ---------------------------------------------------------------------------
-// Ranges at the ends of the file, and ranges kept with the input's video
-// codec. Key frames every 30 frames; in the open-GOP clip only the first is
-// an IDR picture. Inputs that cannot keep their codec fall back to MPEG-4 and
-// say why.
+constexpr int64_t kAll = -1;  // every frame re-encoded
 
 struct RangeCase {
     const char* name;
@@ -131,8 +78,8 @@ struct RangeCase {
     int startMs;
     int endMs;
     std::vector<int> frames;
+    int64_t encoded;  // frames re-encoded, or kAll
     bool keepCodec;
-    int64_t encoded;       // frames re-encoded when the codec is kept
     const char* fallBack;  // the reason logged, or null when the codec is kept
 };
 
@@ -152,7 +99,15 @@ TEST_P(TrimRange, KeepsExactlyTheFramesOfTheRangeAndDecodesCleanly) {
     MediaReport source = inspectMedia(fixture(c.file), true, c.keepCodec);
     EXPECT_EQ(m.frames, c.frames);
     EXPECT_EQ(m.rotation, source.rotation);
-    expectAudioMatchesVideo(m);
+    EXPECT_EQ(m.frameRate.num, 30 * m.frameRate.den);
+    EXPECT_NEAR(m.videoSeconds, m.frames.size() / 30.0, 1.0 / 30 + 1e-6);
+    EXPECT_EQ(r.encoded, c.encoded == kAll ? static_cast<int64_t>(m.frames.size()) : c.encoded);
+    EXPECT_EQ(r.copied + r.encoded, static_cast<int64_t>(m.frames.size()));
+    EXPECT_EQ(r.audio, m.audioPackets);
+    EXPECT_EQ(m.audioStreams, source.audioStreams);
+    if (source.audioStreams > 0) {
+        expectAudioMatchesVideo(m);
+    }
     if (c.fallBack != nullptr) {
         EXPECT_TRUE(log.contains(kTag, std::string("keep codec: re-encoding to MPEG-4 instead: ") + c.fallBack));
     }
@@ -161,7 +116,6 @@ TEST_P(TrimRange, KeepsExactlyTheFramesOfTheRangeAndDecodesCleanly) {
         return;
     }
     EXPECT_EQ(m.videoCodec, source.videoCodec);
-    EXPECT_EQ(r.encoded, c.encoded);
     int64_t exact = 0;
     double worst = INFINITY;
     for (size_t i = 0; i < m.frames.size() && i < m.pictures.size(); ++i) {
@@ -173,37 +127,58 @@ TEST_P(TrimRange, KeepsExactlyTheFramesOfTheRangeAndDecodesCleanly) {
     EXPECT_GE(worst, 40.0);
 }
 
-RangeCase ends(const char* name, const char* file, int mode, int startMs, int endMs, std::vector<int> frames) {
-    return RangeCase{name, file, mode, startMs, endMs, std::move(frames), false, 0, nullptr};
+RangeCase row(const char* name, const char* file, int mode, int startMs, int endMs, std::vector<int> frames,
+              int64_t encoded) {
+    return RangeCase{name, file, mode, startMs, endMs, std::move(frames), encoded, false, nullptr};
 }
 
 RangeCase kept(const char* name, const char* file, int mode, int startMs, int endMs, std::vector<int> frames,
                int64_t encoded, const char* fallBack = nullptr) {
-    return RangeCase{name, file, mode, startMs, endMs, std::move(frames), true, encoded, fallBack};
+    return RangeCase{name, file, mode, startMs, endMs, std::move(frames), encoded, true, fallBack};
 }
+
+// 1100 ms is frame 33 exactly, 3500 ms frame 105. A copiable input (MPEG-4
+// Part 2 without B-frames) is re-encoded only up to the next key frame after
+// a cut (60 when keeping 33-105, 120 after a cut at 105); any other in full.
+const std::vector<int> kKept = run(33, 105);
+const std::vector<int> kCut = concat(run(0, 32), run(105, 299));
 
 INSTANTIATE_TEST_SUITE_P(
     Cuts, TrimRange,
     ::testing::Values(
-        ends("keep_past_the_end_h264", "h264_aac.mp4", 0, 9000, 20000, run(270, 299)),
-        ends("keep_past_the_end_mpeg4", "mpeg4.mp4", 0, 9010, 20000, run(271, 299)),
-        ends("keep_from_zero_mpeg4", "mpeg4.mp4", 0, 0, 1990, run(0, 59)),
-        ends("cut_the_head_h264", "h264_aac.mp4", 1, 0, 2000, run(60, 299)),
-        ends("cut_the_head_mpeg4", "mpeg4.mp4", 1, 0, 2010, run(61, 299)),
-        ends("cut_the_tail_h264", "h264_aac.mp4", 1, 8000, 20000, run(0, 239)),
-        ends("cut_the_tail_mpeg4", "mpeg4.mp4", 1, 8010, 20000, run(0, 240)),
-        ends("cut_one_frame_mpeg4", "mpeg4.mp4", 1, 1990, 2010, concat(run(0, 59), run(61, 299))),
+        row("keep_h264", "h264_aac.mp4", 0, 1100, 3500, kKept, kAll),
+        row("cut_h264", "h264_aac.mp4", 1, 1100, 3500, kCut, kAll),
+        row("keep_mpeg4", "mpeg4.mp4", 0, 1100, 3500, kKept, 60 - 33),
+        row("cut_mpeg4", "mpeg4.mp4", 1, 1100, 3500, kCut, 120 - 105),
+        row("keep_mpeg4_bframes", "mpeg4_bframes.mp4", 0, 1100, 3500, kKept, kAll),
+        row("cut_mpeg4_bframes", "mpeg4_bframes.mp4", 1, 1100, 3500, kCut, kAll),
+        row("keep_video_only", "video_only.mp4", 0, 1100, 3500, kKept, kAll),
+        row("cut_video_only", "video_only.mp4", 1, 1100, 3500, kCut, kAll),
+        row("keep_odd_size", "odd_size.mp4", 0, 1100, 3500, kKept, 60 - 33),
+        row("cut_odd_size", "odd_size.mp4", 1, 1100, 3500, kCut, 120 - 105),
+        row("keep_vp9", "vp9.webm", 0, 1100, 3500, kKept, kAll),
+        row("cut_vp9", "vp9.webm", 1, 1100, 3500, kCut, kAll),
+        row("keep_late_start", "late_start.ts", 0, 1100, 3500, kKept, kAll),
+        row("cut_late_start", "late_start.ts", 1, 1100, 3500, kCut, kAll),
+        row("keep_past_the_end_h264", "h264_aac.mp4", 0, 9000, 20000, run(270, 299), kAll),
+        row("keep_past_the_end_mpeg4", "mpeg4.mp4", 0, 9010, 20000, run(271, 299), 29),
+        row("keep_from_zero_mpeg4", "mpeg4.mp4", 0, 0, 1990, run(0, 59), 0),
+        row("cut_the_head_h264", "h264_aac.mp4", 1, 0, 2000, run(60, 299), kAll),
+        row("cut_the_head_mpeg4", "mpeg4.mp4", 1, 0, 2010, run(61, 299), 90 - 61),
+        row("cut_the_tail_h264", "h264_aac.mp4", 1, 8000, 20000, run(0, 239), kAll),
+        row("cut_the_tail_mpeg4", "mpeg4.mp4", 1, 8010, 20000, run(0, 240), 0),
+        row("cut_one_frame_mpeg4", "mpeg4.mp4", 1, 1990, 2010, concat(run(0, 59), run(61, 299)), 90 - 61),
         // Re-encoded: from the start to the IDR picture at 60, and 103-105,
         // which depend on a picture after 105.
-        kept("h264_keep_between_keys", "h264_aac.mp4", 0, 1100, 3500, run(33, 105), 27 + 3),
+        kept("h264_keep_between_keys", "h264_aac.mp4", 0, 1100, 3500, kKept, 27 + 3),
         kept("h264_keep_on_keys", "h264_aac.mp4", 0, 1000, 3000, run(30, 90), 0),
-        kept("h264_cut_between_keys", "h264_aac.mp4", 1, 1100, 3500, concat(run(0, 32), run(105, 299)), 2 + 15),
+        kept("h264_cut_between_keys", "h264_aac.mp4", 1, 1100, 3500, kCut, 2 + 15),
         kept("h264_rot90_cut_on_keys", "h264_aac_rot90.mp4", 1, 1000, 2000, concat(run(0, 29), run(60, 299)), 0),
         kept("h264_open_gop", "h264_open_gop.mp4", 0, 1100, 2500, run(33, 75), 43),
-        kept("hevc", "hevc.mp4", 1, 1100, 3500, concat(run(0, 32), run(105, 299)), 0,
+        kept("hevc", "hevc.mp4", 1, 1100, 3500, kCut, kAll,
              "HEVC input (re-encoded frames cannot get parameter set ids of their own)"),
-        kept("mpeg4_bframes", "mpeg4_bframes.mp4", 0, 1100, 3500, run(33, 105), 0, "mpeg4 input"),
-        kept("vp9", "vp9.webm", 0, 1100, 3500, run(33, 105), 0, "vp9 input")),
+        kept("mpeg4_bframes", "mpeg4_bframes.mp4", 0, 1100, 3500, kKept, kAll, "mpeg4 input"),
+        kept("vp9", "vp9.webm", 0, 1100, 3500, kKept, kAll, "vp9 input")),
     [](const ::testing::TestParamInfo<RangeCase>& info) { return std::string(info.param.name); });
 
 // ---------------------------------------------------------------------------
