@@ -87,9 +87,6 @@ INSTANTIATE_TEST_SUITE_P(
         // Reads fail for ever from about 4 s on: not a success on half the file.
         BadCall{"DecodeDamaged", "decode " + kDamaged, ""},
         BadCall{"DecodeDamagedWithFFmpeg", "decode " + kDamaged + " --video-decoder ffmpeg", ""},
-        BadCall{"PlayMissingFile", "play --headless --json " + clip("does_not_exist.mp4"), ""},
-        BadCall{"PlayNotMedia", "play --headless --json " + clip("random.bin"), ""},
-        BadCall{"PlayNoMoov", "play --headless --json " + clip("truncated_nomoov.mp4"), ""},
         BadCall{"PlayBadScript", "play --headless --json " + kClip + " --script '100 jump 5'", ""},
         BadCall{"PlayNoSuchTrack", "play --headless --json " + clip("two_audio.mp4") + " --audio-track 7", ""},
         BadCall{"ThumbsAudioOnly", "thumbs " + clip("audio_only.m4a") + " --count 3 -o {OUT}", ""},

@@ -18,14 +18,10 @@ extern "C" {
 #include "Common/StreamRotation.h"
 #include "support/FrameIndex.h"
 #include "support/Process.h"
+#include "support/ReferenceDecoder.h"
 #include "support/ScratchDir.h"
 
 namespace kavra::test {
-
-inline std::string fileHash(const std::string& path) {
-    CommandResult r = runCommand("sha256sum " + shellQuote(path));
-    return r.status == 0 ? r.output.substr(0, 64) : std::string();
-}
 
 // What the ffmpeg tool reports while decoding the whole file (warnings
 // included); empty for a clean file.
@@ -58,9 +54,9 @@ struct MediaReport {
     double longestAudioPacket = 0;     // seconds
 };
 
-// Reads every packet of the main video and audio streams and decodes the
+// Reads every packet of the main video and audio streams, then decodes the
 // video, reading each picture's frame index (and, when asked, its planes).
-inline MediaReport inspectMedia(const std::string& path, bool decode = true, bool keepPictures = false) {
+inline MediaReport inspectMedia(const std::string& path, bool keepPictures = false) {
     MediaReport report;
     AVFormatContext* raw = nullptr;
     if (avformat_open_input(&raw, path.c_str(), nullptr, nullptr) < 0) {
@@ -76,50 +72,20 @@ inline MediaReport inspectMedia(const std::string& path, bool decode = true, boo
     for (unsigned i = 0; i < in->nb_streams; ++i) {
         report.audioStreams += in->streams[i]->codecpar->codec_type == AVMEDIA_TYPE_AUDIO ? 1 : 0;
     }
-    ScopedAVCodecContext dec;
-    if (video >= 0) {
-        AVStream* st = in->streams[video];
-        report.videoCodec = st->codecpar->codec_id;
-        report.frameRate = st->avg_frame_rate;
-        report.rotation = StreamRotation::read(st);
-        const AVCodec* codec = avcodec_find_decoder(st->codecpar->codec_id);
-        if (decode && codec != nullptr) {
-            dec.reset(avcodec_alloc_context3(codec));
-            avcodec_parameters_to_context(dec.get(), st->codecpar);
-            dec->thread_count = 1;
-            if (avcodec_open2(dec.get(), codec, nullptr) < 0) {
-                dec.reset();
-            }
-        }
+    if (video < 0) {
+        return report;
     }
+    AVStream* st = in->streams[video];
+    report.videoCodec = st->codecpar->codec_id;
+    report.frameRate = st->avg_frame_rate;
+    report.rotation = StreamRotation::read(st);
     ScopedAVPacket pkt = makeScopedAVPacket();
-    ScopedAVFrame frame = makeScopedAVFrame();
-    auto drain = [&] {
-        while (avcodec_receive_frame(dec.get(), frame.get()) == 0) {
-            report.frames.push_back(
-                frameIndexFromLuma(frame->data[0], frame->linesize[0], frame->width, frame->height));
-            if (keepPictures) {
-                auto fmt = static_cast<AVPixelFormat>(frame->format);
-                std::vector<uint8_t> planes(
-                    static_cast<size_t>(av_image_get_buffer_size(fmt, frame->width, frame->height, 1)));
-                av_image_copy_to_buffer(planes.data(), static_cast<int>(planes.size()), frame->data,
-                                        frame->linesize, fmt, frame->width, frame->height, 1);
-                report.pictures.push_back(std::move(planes));
-            }
-            av_frame_unref(frame.get());
-        }
-    };
     while (av_read_frame(in.get(), pkt.get()) >= 0) {
         if (pkt->stream_index == video) {
-            AVRational tb = in->streams[video]->time_base;
-            report.videoSeconds += pkt->duration * av_q2d(tb);
+            report.videoSeconds += pkt->duration * av_q2d(st->time_base);
             report.videoPackets.push_back(
                 Packet{(pkt->flags & AV_PKT_FLAG_KEY) != 0,
                        std::vector<uint8_t>(pkt->data, pkt->data + pkt->size)});
-            if (dec) {
-                avcodec_send_packet(dec.get(), pkt.get());
-                drain();
-            }
         } else if (pkt->stream_index == audio) {
             double d = pkt->duration * av_q2d(in->streams[audio]->time_base);
             ++report.audioPackets;
@@ -128,9 +94,16 @@ inline MediaReport inspectMedia(const std::string& path, bool decode = true, boo
         }
         av_packet_unref(pkt.get());
     }
-    if (dec) {
-        avcodec_send_packet(dec.get(), nullptr);
-        drain();
+    for (const ScopedAVFrame& frame : referenceFrames(path, AVMEDIA_TYPE_VIDEO, -1)) {
+        report.frames.push_back(frameIndexFromLuma(frame->data[0], frame->linesize[0], frame->width, frame->height));
+        if (keepPictures) {
+            auto fmt = static_cast<AVPixelFormat>(frame->format);
+            std::vector<uint8_t> planes(
+                static_cast<size_t>(av_image_get_buffer_size(fmt, frame->width, frame->height, 1)));
+            av_image_copy_to_buffer(planes.data(), static_cast<int>(planes.size()), frame->data, frame->linesize,
+                                    fmt, frame->width, frame->height, 1);
+            report.pictures.push_back(std::move(planes));
+        }
     }
     return report;
 }

@@ -95,8 +95,8 @@ TEST_P(TrimRange, KeepsExactlyTheFramesOfTheRangeAndDecodesCleanly) {
     TrimRun r = trim(fixture(c.file), out, c.startMs, c.endMs, c.mode, c.keepCodec);
     ASSERT_EQ(r.trimmed, 0);
     EXPECT_EQ(ffmpegDecodeComplaints(out), "");
-    MediaReport m = inspectMedia(out, true, c.keepCodec);
-    MediaReport source = inspectMedia(fixture(c.file), true, c.keepCodec);
+    MediaReport m = inspectMedia(out, c.keepCodec);
+    MediaReport source = inspectMedia(fixture(c.file), c.keepCodec);
     EXPECT_EQ(m.frames, c.frames);
     EXPECT_EQ(m.rotation, source.rotation);
     EXPECT_EQ(m.frameRate.num, 30 * m.frameRate.den);
@@ -148,7 +148,6 @@ INSTANTIATE_TEST_SUITE_P(
     ::testing::Values(
         row("keep_h264", "h264_aac.mp4", 0, 1100, 3500, kKept, kAll),
         row("cut_h264", "h264_aac.mp4", 1, 1100, 3500, kCut, kAll),
-        row("keep_mpeg4", "mpeg4.mp4", 0, 1100, 3500, kKept, 60 - 33),
         row("cut_mpeg4", "mpeg4.mp4", 1, 1100, 3500, kCut, 120 - 105),
         row("keep_mpeg4_bframes", "mpeg4_bframes.mp4", 0, 1100, 3500, kKept, kAll),
         row("cut_mpeg4_bframes", "mpeg4_bframes.mp4", 1, 1100, 3500, kCut, kAll),
@@ -216,7 +215,7 @@ TEST_P(TrimMpeg4Copy, CopiesEveryPacketFromTheKeyFrameAfterACutByteForByte) {
     EXPECT_EQ(r.encoded, c.encoded);
     EXPECT_EQ(ffmpegDecodeComplaints(out), "");
     EXPECT_EQ(log.contains(kTag, "video packets copied where possible, headers in the container"), !c.headerInFront);
-    MediaReport source = inspectMedia(in, false);
+    MediaReport source = inspectMedia(in);
     MediaReport m = inspectMedia(out);
     ASSERT_EQ(m.frames, c.frames);
     EXPECT_EQ(av_cmp_q(m.frameRate, source.frameRate), 0);
@@ -307,7 +306,8 @@ TEST(TrimLifecycle, RunsOnceAfterPrepareReplacesTheOutputAndNeverWritesTheInput)
     same.setTrimParam(0, 500000);
     EXPECT_EQ(same.prepare(), -5);
     EXPECT_EQ(same.startTrim(0), -1);
-    EXPECT_EQ(fileHash(copy), fileHash(fixture("mpeg4.mp4")));
+    EXPECT_EQ(runCommand("cmp " + shellQuote(copy) + " " + shellQuote(fixture("mpeg4.mp4"))).status, 0)
+        << "the input is untouched";
 }
 
 }  // namespace
