@@ -70,16 +70,19 @@ private:
     std::function<bool(int, int)> mFn;
 };
 
-// The frame each thumbnail of a strip showed, on a 160x120 thumbnail.
-std::vector<int> stripFrames(VideoItem& item, int startMs, int endMs, int count) {
-    item.setItemParameters(startMs, endMs, count, 160, 120, true);
-    std::vector<int> dst(160 * 120);
+// The frame each thumbnail of a strip showed. A size below one asks for the
+// coded size, 320x240 for the unturned fixtures.
+std::vector<int> stripFrames(VideoItem& item, int startMs, int endMs, int count, int width = 160, int height = 120) {
+    item.setItemParameters(startMs, endMs, count, width, height, true);
+    const int w = width < 1 ? 320 : width;
+    const int h = height < 1 ? 240 : height;
+    std::vector<int> dst(static_cast<size_t>(w) * h);
     std::vector<int> frames;
     FunctionSink sink([&](int, int) {
-        frames.push_back(frameOf(dst, 160, 120));
+        frames.push_back(frameOf(dst, w, h));
         return true;
     });
-    EXPECT_EQ(item.getThumbnailList(dst.data(), rgbaBytes(160, 120), sink), 0);
+    EXPECT_EQ(item.getThumbnailList(dst.data(), rgbaBytes(w, h), sink), 0);
     return frames;
 }
 
@@ -193,16 +196,7 @@ TEST(VideoItemStripEdges, TargetsOutsideTheClipNoThumbnailsAndNoSize) {
     EXPECT_TRUE(stripFrames(*openItem("h264_aac.mp4"), 0, 9000, 0).empty());
 
     // A size below one falls back to the coded size.
-    auto item = openItem("h264_aac.mp4");
-    item->setItemParameters(3000, 3000, 1, 0, 0, true);
-    std::vector<int> dst(320 * 240);
-    std::vector<int> frames;
-    FunctionSink sink([&](int, int) {
-        frames.push_back(frameOf(dst, 320, 240));
-        return true;
-    });
-    ASSERT_EQ(item->getThumbnailList(dst.data(), rgbaBytes(320, 240), sink), 0);
-    EXPECT_EQ(frames, std::vector<int>{90});
+    EXPECT_EQ(stripFrames(*openItem("h264_aac.mp4"), 3000, 3000, 1, 0, 0), std::vector<int>{90});
 }
 
 TEST(VideoItemStripEdges, DestinationsOfTheWrongSizeAreRefused) {
@@ -242,20 +236,12 @@ TEST_P(VideoItemKeyFrame, GrabsTheKeyFrameAtOrBeforeTheTimeInDisplayOrientation)
 INSTANTIATE_TEST_SUITE_P(Times, VideoItemKeyFrame,
                          ::testing::Values(Grab{0, 0}, Grab{4500, 120}, Grab{9999, 270},
                                            Grab{10000, 270},  // the duration itself
-                                           Grab{10001, 0},    // past the duration: the start
-                                           Grab{-5, 0}),
-                         [](const auto& info) {
-                             int t = info.param.timeMs;
-                             return t < 0 ? "Minus" + std::to_string(-t) : "At" + std::to_string(t);
-                         });
+                                           Grab{10001, 0}),   // past the duration: the start
+                         [](const auto& info) { return "At" + std::to_string(info.param.timeMs); });
 
 TEST(VideoItemKeyFrameEdges, PixelsAreOpaqueRgbaInMemoryOrder) {
-    ScratchDir dir;
-    const std::string clip = dir.file("red.mp4");
-    ASSERT_EQ(runCommand("ffmpeg -v error -nostdin -f lavfi -i color=c=0xFF0000:size=64x48:rate=30:duration=1 "
-                         "-c:v libx264 -pix_fmt yuv420p " + shellQuote(clip)).status, 0);
     VideoItem item;
-    ASSERT_EQ(item.setSource(clip.c_str(), true), 0);
+    ASSERT_EQ(item.setSource(fixture("red_64x48.mp4").c_str(), true), 0);
     std::vector<int> dst(32 * 24);
     ASSERT_EQ(item.getKeyFrameAt(dst.data(), rgbaBytes(32, 24), 32, 24, 0), 0);
     // Pure red: R in the lowest byte of each int, alpha in the highest.

@@ -36,22 +36,14 @@ TEST(TrimCommand, ReportsWhatItWroteAsJson) {
     EXPECT_EQ(m.frames, concat(run(0, 32), run(105, 299)));
     EXPECT_EQ(dir.entries(), std::vector<std::string>{"clip.mp4"}) << "no temporary file is left";
 
-    const std::string head = "{\"output\": \"" + out + "\", \"mode\": \"cut\", \"output_ms\": ";
-    ASSERT_EQ(r.output.rfind(head, 0), 0u) << r.output;
-    long long ms = 0, copied = 0, encoded = 0, audio = 0;
-    ASSERT_EQ(sscanf(r.output.c_str() + head.size(),
-                     "%lld, \"video_frames_copied\": %lld, \"video_frames_encoded\": %lld, \"audio_packets\": %lld",
-                     &ms, &copied, &encoded, &audio),
-              4)
-        << r.output;
+    // The output's length is the video's within a frame; the audio may end a little later.
+    const long long ms = std::stoll(r.output.substr(r.output.find("\"output_ms\": ") + 13));
     EXPECT_NEAR(ms, m.videoSeconds * 1000, 34);
-    EXPECT_EQ(copied, 31 + 180);
-    EXPECT_EQ(encoded, 2 + 15);
-    EXPECT_EQ(audio, m.audioPackets);
-    EXPECT_NE(r.output.find(", \"video_codec\": \"h264\", \"parts\": [{\"frames_copied\": 31, \"frames_encoded\": 2}, "
-                            "{\"frames_copied\": 180, \"frames_encoded\": 15}]}\n"),
-              std::string::npos)
-        << r.output;
+    EXPECT_EQ(r.output, "{\"output\": \"" + out + "\", \"mode\": \"cut\", \"output_ms\": " + std::to_string(ms) +
+                            ", \"video_frames_copied\": 211, \"video_frames_encoded\": 17, \"audio_packets\": " +
+                            std::to_string(m.audioPackets) +
+                            ", \"video_codec\": \"h264\", \"parts\": [{\"frames_copied\": 31, \"frames_encoded\": 2}, "
+                            "{\"frames_copied\": 180, \"frames_encoded\": 15}]}\n");
 }
 
 // The transport stream's video starts near 1.47 s; two seconds later lies

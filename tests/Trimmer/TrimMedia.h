@@ -7,6 +7,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -121,10 +122,8 @@ inline double psnr(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b)
 
 // first, first + 1, ..., last
 inline std::vector<int> run(int first, int last) {
-    std::vector<int> v;
-    for (int i = first; i <= last; ++i) {
-        v.push_back(i);
-    }
+    std::vector<int> v(static_cast<size_t>(last - first + 1));
+    std::iota(v.begin(), v.end(), first);
     return v;
 }
 

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <fstream>
 #include <string>
 #include <vector>
@@ -23,7 +22,6 @@ namespace {
 const char* kTag = "meeeeNativeVideoTrimer";
 
 struct TrimRun {
-    int prepared = -100;
     int trimmed = -100;
     bool copies = false;
     int64_t copied = 0;
@@ -43,8 +41,7 @@ TrimRun trim(const std::string& in, const std::string& out, int64_t startMs, int
     std::fill(outBuf.begin(), outBuf.end() - 1, 'z');
     trimer.setKeepVideoCodec(keepCodec);
     trimer.setTrimParam(startMs * 1000, endMs * 1000);
-    r.prepared = trimer.prepare();
-    if (r.prepared != 0) {
+    if (trimer.prepare() != 0) {
         return r;
     }
     r.copies = trimer.copiesVideo();
