@@ -1,5 +1,6 @@
-// The editor item: what it reports, thumbnail strips, key-frame grabs,
-// snapshots, turns, cancel and release from other threads, bad files.
+// The editor item: what it reports, thumbnail strips (turned like the clip),
+// key-frame grabs, snapshots, cancel and release from other threads, bad
+// files.
 // Every check reads the frame index drawn into the fixture pictures.
 
 #include <gtest/gtest.h>
@@ -17,7 +18,6 @@
 #include "support/Ffprobe.h"
 #include "support/Fixtures.h"
 #include "support/FrameIndex.h"
-#include "support/LogCapture.h"
 #include "support/Process.h"
 #include "support/ScratchDir.h"
 
@@ -70,16 +70,19 @@ private:
     std::function<bool(int, int)> mFn;
 };
 
-// The frame each thumbnail of a strip showed, on a 160x120 thumbnail.
-std::vector<int> stripFrames(VideoItem& item, int startMs, int endMs, int count) {
-    item.setItemParameters(startMs, endMs, count, 160, 120, true);
-    std::vector<int> dst(160 * 120);
+// The frame each thumbnail of a strip showed. A size below one asks for the
+// coded size, 320x240 for the unturned fixtures.
+std::vector<int> stripFrames(VideoItem& item, int startMs, int endMs, int count, int width = 160, int height = 120) {
+    item.setItemParameters(startMs, endMs, count, width, height, true);
+    const int w = width < 1 ? 320 : width;
+    const int h = height < 1 ? 240 : height;
+    std::vector<int> dst(static_cast<size_t>(w) * h);
     std::vector<int> frames;
     FunctionSink sink([&](int, int) {
-        frames.push_back(frameOf(dst, 160, 120));
+        frames.push_back(frameOf(dst, w, h));
         return true;
     });
-    EXPECT_EQ(item.getThumbnailList(dst.data(), rgbaBytes(160, 120), sink), 0);
+    EXPECT_EQ(item.getThumbnailList(dst.data(), rgbaBytes(w, h), sink), 0);
     return frames;
 }
 
@@ -98,6 +101,7 @@ struct Clip {
 // reports.
 const Clip kClips[] = {
     {"h264_aac.mp4", 320, 240, 0, 28},   {"h264_aac_rot90.mp4", 240, 320, 90, 28},
+    {"h264_aac_rot180.mp4", 320, 240, 180, 28}, {"h264_aac_rot270.mp4", 240, 320, 270, 28},
     {"mpeg4.mp4", 320, 240, 0, 13},      {"mpeg4_bframes.mp4", 320, 240, 0, 13},
     {"hevc.mp4", 320, 240, 0, 0x48323635}, {"vp9.webm", 320, 240, 0, 169},
     {"odd_size.mp4", 321, 241, 0, 13},   {"late_start.ts", 320, 240, 0, 28},
@@ -192,33 +196,18 @@ TEST(VideoItemStripEdges, TargetsOutsideTheClipNoThumbnailsAndNoSize) {
     EXPECT_TRUE(stripFrames(*openItem("h264_aac.mp4"), 0, 9000, 0).empty());
 
     // A size below one falls back to the coded size.
-    auto item = openItem("h264_aac.mp4");
-    item->setItemParameters(3000, 3000, 1, 0, 0, true);
-    std::vector<int> dst(320 * 240);
-    std::vector<int> frames;
-    FunctionSink sink([&](int, int) {
-        frames.push_back(frameOf(dst, 320, 240));
-        return true;
-    });
-    ASSERT_EQ(item->getThumbnailList(dst.data(), rgbaBytes(320, 240), sink), 0);
-    EXPECT_EQ(frames, std::vector<int>{90});
+    EXPECT_EQ(stripFrames(*openItem("h264_aac.mp4"), 3000, 3000, 1, 0, 0), std::vector<int>{90});
 }
 
 TEST(VideoItemStripEdges, DestinationsOfTheWrongSizeAreRefused) {
     auto item = openItem("h264_aac_rot90.mp4");
-    {
-        LogCapture log;
-        item->setItemParameters(0, 9000, 4, 90, 160, true);
-        std::vector<int> dst(90 * 160 - 1);
-        FunctionSink sink([](int, int) { return true; });
-        EXPECT_EQ(item->getThumbnailList(dst.data(), static_cast<int>(dst.size() * 4), sink), -1);
-        EXPECT_TRUE(log.contains("JNI_VideoItem", "get_thumbnaillist->dstArray size 57596 is smaller than 57600"));
-    }
+    item->setItemParameters(0, 9000, 4, 90, 160, true);
+    std::vector<int> dst(90 * 160 - 1);
+    FunctionSink sink([](int, int) { return true; });
+    EXPECT_EQ(item->getThumbnailList(dst.data(), static_cast<int>(dst.size() * 4), sink), -1);
     for (int delta : {-1, 1}) {
-        LogCapture log;
-        std::vector<int> dst(90 * 160 + delta);
-        EXPECT_EQ(item->getKeyFrameAt(dst.data(), static_cast<int>(dst.size() * 4), 90, 160, 1000), -1);
-        EXPECT_TRUE(log.contains("JNI_VideoItem", "avpicture_get_size is bigger than dstArray size."));
+        std::vector<int> grab(90 * 160 + delta);
+        EXPECT_EQ(item->getKeyFrameAt(grab.data(), static_cast<int>(grab.size() * 4), 90, 160, 1000), -1);
     }
 }
 
@@ -247,20 +236,12 @@ TEST_P(VideoItemKeyFrame, GrabsTheKeyFrameAtOrBeforeTheTimeInDisplayOrientation)
 INSTANTIATE_TEST_SUITE_P(Times, VideoItemKeyFrame,
                          ::testing::Values(Grab{0, 0}, Grab{4500, 120}, Grab{9999, 270},
                                            Grab{10000, 270},  // the duration itself
-                                           Grab{10001, 0},    // past the duration: the start
-                                           Grab{-5, 0}),
-                         [](const auto& info) {
-                             int t = info.param.timeMs;
-                             return t < 0 ? "Minus" + std::to_string(-t) : "At" + std::to_string(t);
-                         });
+                                           Grab{10001, 0}),   // past the duration: the start
+                         [](const auto& info) { return "At" + std::to_string(info.param.timeMs); });
 
 TEST(VideoItemKeyFrameEdges, PixelsAreOpaqueRgbaInMemoryOrder) {
-    ScratchDir dir;
-    const std::string clip = dir.file("red.mp4");
-    ASSERT_EQ(runCommand("ffmpeg -v error -nostdin -f lavfi -i color=c=0xFF0000:size=64x48:rate=30:duration=1 "
-                         "-c:v libx264 -pix_fmt yuv420p " + shellQuote(clip)).status, 0);
     VideoItem item;
-    ASSERT_EQ(item.setSource(clip.c_str(), true), 0);
+    ASSERT_EQ(item.setSource(fixture("red_64x48.mp4").c_str(), true), 0);
     std::vector<int> dst(32 * 24);
     ASSERT_EQ(item.getKeyFrameAt(dst.data(), rgbaBytes(32, 24), 32, 24, 0), 0);
     // Pure red: R in the lowest byte of each int, alpha in the highest.
@@ -269,51 +250,6 @@ TEST(VideoItemKeyFrameEdges, PixelsAreOpaqueRgbaInMemoryOrder) {
     EXPECT_GT(pixel & 0xFF, 230u) << std::hex << pixel;
     EXPECT_LT((pixel >> 8) & 0xFF, 25u) << std::hex << pixel;
     EXPECT_LT((pixel >> 16) & 0xFF, 25u) << std::hex << pixel;
-}
-
-// Decodes one picture of a fixture through the item's own reader.
-class DecodedItem : public VideoItem {
-public:
-    // The first picture decoded from the key frame at or before timeMs.
-    AVFrame* decodeAt(int timeMs) {
-        if (seekFrame(timeMs, -1, AVSEEK_FLAG_BACKWARD) < 0) {
-            return nullptr;
-        }
-        kavra::ScopedAVPacket packet = kavra::makeScopedAVPacket();
-        int got = 0;
-        while (!got && readFrame(packet.get()) >= 0) {
-            if (packet->stream_index == getVideoStreamIndex()) {
-                decodeVideo(&got, packet.get());
-            }
-            av_packet_unref(packet.get());
-        }
-        return got ? pVideoFrame.get() : nullptr;
-    }
-};
-
-// Frame 210 reads differently mirrored, so a flip cannot pass for a turn.
-TEST(VideoItemKeyFrameEdges, ConversionTurnsByQuarterTurnsAndCopiesForAnyOtherAngle) {
-    DecodedItem item;
-    ASSERT_EQ(item.setSource(fixture("h264_aac.mp4").c_str(), true), 0);
-    AVFrame* frame = item.decodeAt(7000);
-    ASSERT_NE(frame, nullptr);
-    const int w = 200;
-    const int h = 150;
-    std::vector<int> upright(w * h);
-    ASSERT_EQ(item.YUV420PToRGBA(frame, upright.data(), w, h, 0), 0);
-    EXPECT_EQ(frameOf(upright, w, h), 210);
-    for (int angle : {360, -90, 45, 90, 180, 270}) {
-        SCOPED_TRACE(angle);
-        std::vector<int> turned(w * h);
-        ASSERT_EQ(item.YUV420PToRGBA(frame, turned.data(), w, h, angle), 0);
-        if (angle % 90 != 0 || angle < 0 || angle >= 360) {
-            EXPECT_EQ(turned, upright);
-        } else if (angle == 180) {
-            EXPECT_EQ(frameOf(turned, w, h, angle), 210);
-        } else {
-            EXPECT_EQ(frameOf(turned, h, w, angle), 210);
-        }
-    }
 }
 
 // ---------------------------------------------------------------------------
@@ -327,7 +263,7 @@ struct ShotFixture {
 
 class VideoItemSnapshot : public ::testing::TestWithParam<std::tuple<ShotFixture, int>> {};
 
-TEST_P(VideoItemSnapshot, WritesTheFirstFrameAtOrAfterTheTimeAsACodedSizeJpeg) {
+TEST_P(VideoItemSnapshot, WritesTheFirstFrameAtOrAfterTheTimeAtTheCodedSize) {
     const auto& [fx, relativeMs] = GetParam();
     const double first = firstFrameMs(fx.name);
     const int t = static_cast<int>(first) + relativeMs;
@@ -339,19 +275,17 @@ TEST_P(VideoItemSnapshot, WritesTheFirstFrameAtOrAfterTheTimeAsACodedSizeJpeg) {
     ASSERT_EQ(image.height, fx.codedHeight);
     EXPECT_EQ(frameIndexFromRgba(image.at(0, 0), image.width * 4, image.width, image.height), frameAtOrAfter(t, first))
         << "time " << t;
-    EXPECT_EQ(Ffprobe(shot).stream(0, "codec_name"), "mjpeg");
 }
 
-// Frame n is shown from n x 33.3 ms: most times fall between frames, 0 and
-// 5000 exactly on one (frame 150, which must be chosen, not the next);
-// 9950 and 20000 are past the last frame's start, which gives the last
-// picture.
+// Frame n is shown from n x 33.3 ms: 1483 falls between frames, 0 and 5000
+// exactly on one (frame 150, which must be chosen, not the next); 9950 and
+// 20000 are past the last frame's start, which gives the last picture.
 INSTANTIATE_TEST_SUITE_P(
     Fixtures, VideoItemSnapshot,
     ::testing::Combine(::testing::Values(ShotFixture{"h264_aac.mp4", 320, 240}, ShotFixture{"h264_aac_rot90.mp4", 320, 240},
                                          ShotFixture{"hevc.mp4", 320, 240}, ShotFixture{"mpeg4_bframes.mp4", 320, 240},
                                          ShotFixture{"vp9.webm", 320, 240}, ShotFixture{"odd_size.mp4", 321, 241}),
-                       ::testing::Values(0, 1483, 2517, 5000, 7017, 9950, 20000)),
+                       ::testing::Values(0, 1483, 5000, 9950, 20000)),
     [](const auto& info) {
         return testName(std::string(std::get<0>(info.param).name) + "_" + std::to_string(std::get<1>(info.param)));
     });
@@ -465,8 +399,7 @@ TEST(VideoItemThreads, ReleaseDuringAStripReturnsAfterTheStripAndOnlyOnce) {
     EXPECT_FALSE(item->release()) << "the second release";
 }
 
-TEST(VideoItemThreads, ABusyItemTurnsAwayOtherCallsWithTheirWarnings) {
-    LogCapture log;
+TEST(VideoItemThreads, ABusyItemTurnsAwayOtherCalls) {
     auto item = openItem("h264_aac.mp4");
     item->setItemParameters(0, 9000, 3, 160, 120, true);
     std::vector<int> dst(160 * 120);
@@ -487,9 +420,6 @@ TEST(VideoItemThreads, ABusyItemTurnsAwayOtherCallsWithTheirWarnings) {
     });
     ASSERT_EQ(item->getThumbnailList(dst.data(), rgbaBytes(160, 120), sink), 0);
     EXPECT_EQ(frames, (std::vector<int>{0, 120, 270})) << "the strip's parameters stayed as they were";
-    EXPECT_EQ(log.count("JNI_VideoItem", "get_thumbnaillist->tryluckMutex fail"), 1);
-    EXPECT_EQ(log.count("JNI_VideoItem", "setSource->tryluckMutex fail"), 1);
-    EXPECT_EQ(log.count("JNI_VideoItem", "setItemParameters->tryluckMutex fail"), 2);
 }
 
 // ---------------------------------------------------------------------------
@@ -498,7 +428,6 @@ TEST(VideoItemThreads, ABusyItemTurnsAwayOtherCallsWithTheirWarnings) {
 TEST(VideoItemBadFiles, FilesThatDoNotOpenFailEveryJobCleanly) {
     for (const char* name : {"truncated_nomoov.mp4", "random.bin", "audio_only.m4a"}) {
         SCOPED_TRACE(name);
-        LogCapture log;
         VideoItem item;
         EXPECT_LT(item.setSource(fixture(name).c_str(), false), 0);
         EXPECT_EQ(item.getWidth(), 0);
@@ -512,7 +441,6 @@ TEST(VideoItemBadFiles, FilesThatDoNotOpenFailEveryJobCleanly) {
         EXPECT_EQ(item.getThumbnailList(dst.data(), rgbaBytes(160, 120), sink), 0);
         ScratchDir dir;
         EXPECT_EQ(item.snapShot(dir.file("x.jpg").c_str(), 1000), -1);
-        EXPECT_TRUE(log.contains("JNI_VideoItem", "snapShot->getPacketFrame error"));
     }
 }
 
@@ -523,14 +451,11 @@ TEST(VideoItemBadFiles, ATruncatedFileServesWhatItHolds) {
     EXPECT_EQ(frames[0], 0);
     EXPECT_EQ(frames[1], 90);
 
-    LogCapture log;
     auto grabber = openItem("truncated.mp4");
     std::vector<int> dst(160 * 120);
     EXPECT_EQ(grabber->getKeyFrameAt(dst.data(), rgbaBytes(160, 120), 160, 120, 3000), 0);
     EXPECT_EQ(frameOf(dst, 160, 120), 90);
-    int ret = grabber->getKeyFrameAt(dst.data(), rgbaBytes(160, 120), 160, 120, 9500);
-    EXPECT_LT(ret, 0);
-    EXPECT_TRUE(log.contains("JNI_VideoItem", "readFrame error:" + std::to_string(ret)));
+    EXPECT_LT(grabber->getKeyFrameAt(dst.data(), rgbaBytes(160, 120), 160, 120, 9500), 0);
 
     // A snapshot past the data shows the last picture the file holds.
     CommandResult frameTimes = runCommand("ffprobe -v quiet -select_streams v:0 -show_entries frame=pts_time -of csv=p=0 " +

@@ -1,13 +1,13 @@
 #pragma once
 
 // What the trimmer tests read back from files: decoded frame indices, packet
-// bytes, stream lengths; checks with the ffmpeg tool; scratch directories and
-// media made for a single test.
+// bytes, stream lengths; checks with the ffmpeg tool.
 
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <cstdint>
+#include <numeric>
 #include <string>
 #include <vector>
 
@@ -19,14 +19,10 @@ extern "C" {
 #include "Common/StreamRotation.h"
 #include "support/FrameIndex.h"
 #include "support/Process.h"
+#include "support/ReferenceDecoder.h"
 #include "support/ScratchDir.h"
 
 namespace kavra::test {
-
-inline std::string fileHash(const std::string& path) {
-    CommandResult r = runCommand("sha256sum " + shellQuote(path));
-    return r.status == 0 ? r.output.substr(0, 64) : std::string();
-}
 
 // What the ffmpeg tool reports while decoding the whole file (warnings
 // included); empty for a clean file.
@@ -37,14 +33,6 @@ inline std::string ffmpegDecodeComplaints(const std::string& path) {
         return "ffmpeg exited with status " + std::to_string(r.status);
     }
     return r.output;
-}
-
-inline bool runTool(const std::string& command) {
-    CommandResult r = runCommand(command + " 2>&1");
-    if (r.status != 0) {
-        ADD_FAILURE() << command << "\n" << r.output;
-    }
-    return r.status == 0;
 }
 
 struct Packet {
@@ -62,13 +50,14 @@ struct MediaReport {
     std::vector<int> frames;           // decoded frame indices, display order
     std::vector<std::vector<uint8_t>> pictures;  // decoded planes, display order (when asked)
     double videoSeconds = 0;           // sum of video packet durations
+    int64_t audioPackets = 0;
     double audioSeconds = 0;           // sum of audio packet durations
     double longestAudioPacket = 0;     // seconds
 };
 
-// Reads every packet of the main video and audio streams and decodes the
+// Reads every packet of the main video and audio streams, then decodes the
 // video, reading each picture's frame index (and, when asked, its planes).
-inline MediaReport inspectMedia(const std::string& path, bool decode = true, bool keepPictures = false) {
+inline MediaReport inspectMedia(const std::string& path, bool keepPictures = false) {
     MediaReport report;
     AVFormatContext* raw = nullptr;
     if (avformat_open_input(&raw, path.c_str(), nullptr, nullptr) < 0) {
@@ -84,60 +73,38 @@ inline MediaReport inspectMedia(const std::string& path, bool decode = true, boo
     for (unsigned i = 0; i < in->nb_streams; ++i) {
         report.audioStreams += in->streams[i]->codecpar->codec_type == AVMEDIA_TYPE_AUDIO ? 1 : 0;
     }
-    ScopedAVCodecContext dec;
-    if (video >= 0) {
-        AVStream* st = in->streams[video];
-        report.videoCodec = st->codecpar->codec_id;
-        report.frameRate = st->avg_frame_rate;
-        report.rotation = StreamRotation::read(st);
-        const AVCodec* codec = avcodec_find_decoder(st->codecpar->codec_id);
-        if (decode && codec != nullptr) {
-            dec.reset(avcodec_alloc_context3(codec));
-            avcodec_parameters_to_context(dec.get(), st->codecpar);
-            dec->thread_count = 1;
-            if (avcodec_open2(dec.get(), codec, nullptr) < 0) {
-                dec.reset();
-            }
-        }
+    if (video < 0) {
+        return report;
     }
+    AVStream* st = in->streams[video];
+    report.videoCodec = st->codecpar->codec_id;
+    report.frameRate = st->avg_frame_rate;
+    report.rotation = StreamRotation::read(st);
     ScopedAVPacket pkt = makeScopedAVPacket();
-    ScopedAVFrame frame = makeScopedAVFrame();
-    auto drain = [&] {
-        while (avcodec_receive_frame(dec.get(), frame.get()) == 0) {
-            report.frames.push_back(
-                frameIndexFromLuma(frame->data[0], frame->linesize[0], frame->width, frame->height));
-            if (keepPictures) {
-                auto fmt = static_cast<AVPixelFormat>(frame->format);
-                std::vector<uint8_t> planes(
-                    static_cast<size_t>(av_image_get_buffer_size(fmt, frame->width, frame->height, 1)));
-                av_image_copy_to_buffer(planes.data(), static_cast<int>(planes.size()), frame->data,
-                                        frame->linesize, fmt, frame->width, frame->height, 1);
-                report.pictures.push_back(std::move(planes));
-            }
-            av_frame_unref(frame.get());
-        }
-    };
     while (av_read_frame(in.get(), pkt.get()) >= 0) {
         if (pkt->stream_index == video) {
-            AVRational tb = in->streams[video]->time_base;
-            report.videoSeconds += pkt->duration * av_q2d(tb);
+            report.videoSeconds += pkt->duration * av_q2d(st->time_base);
             report.videoPackets.push_back(
                 Packet{(pkt->flags & AV_PKT_FLAG_KEY) != 0,
                        std::vector<uint8_t>(pkt->data, pkt->data + pkt->size)});
-            if (dec) {
-                avcodec_send_packet(dec.get(), pkt.get());
-                drain();
-            }
         } else if (pkt->stream_index == audio) {
             double d = pkt->duration * av_q2d(in->streams[audio]->time_base);
+            ++report.audioPackets;
             report.audioSeconds += d;
             report.longestAudioPacket = std::max(report.longestAudioPacket, d);
         }
         av_packet_unref(pkt.get());
     }
-    if (dec) {
-        avcodec_send_packet(dec.get(), nullptr);
-        drain();
+    for (const ScopedAVFrame& frame : referenceFrames(path, AVMEDIA_TYPE_VIDEO, -1)) {
+        report.frames.push_back(frameIndexFromLuma(frame->data[0], frame->linesize[0], frame->width, frame->height));
+        if (keepPictures) {
+            auto fmt = static_cast<AVPixelFormat>(frame->format);
+            std::vector<uint8_t> planes(
+                static_cast<size_t>(av_image_get_buffer_size(fmt, frame->width, frame->height, 1)));
+            av_image_copy_to_buffer(planes.data(), static_cast<int>(planes.size()), frame->data, frame->linesize,
+                                    fmt, frame->width, frame->height, 1);
+            report.pictures.push_back(std::move(planes));
+        }
     }
     return report;
 }
@@ -155,10 +122,8 @@ inline double psnr(const std::vector<uint8_t>& a, const std::vector<uint8_t>& b)
 
 // first, first + 1, ..., last
 inline std::vector<int> run(int first, int last) {
-    std::vector<int> v;
-    for (int i = first; i <= last; ++i) {
-        v.push_back(i);
-    }
+    std::vector<int> v(static_cast<size_t>(last - first + 1));
+    std::iota(v.begin(), v.end(), first);
     return v;
 }
 
