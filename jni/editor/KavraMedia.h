@@ -74,12 +74,12 @@ public:
     AVFrame* getVideoFrame() { return pVideoFrame.get(); }
     // The chosen video stream's index, negative when there is none.
     int getVideoStreamIndex() const { return mVideoStreamIndex; }
+    // The chosen video stream, or null. Valid after setSource.
+    AVStream* videoStream();
 
 protected:
     // True once av_read_frame hit the end of the file's byte stream.
     bool isEndOfInput();
-    // The chosen video stream, or null. Valid after setSource.
-    AVStream* videoStream();
     // Coded picture geometry of the opened video decoder.
     int codedWidth() const { return mVideoCodecContext ? mVideoCodecContext->width : 0; }
     int codedHeight() const { return mVideoCodecContext ? mVideoCodecContext->height : 0; }

@@ -616,22 +616,9 @@ int VideoItem::getKeyFrameAt(int* dst, int dstBytes, int width, int height, int 
         LOGE("seekFrame error:%d", ret);
         return ret;
     }
-    for (int passed = 0;;) {
-        ret = media->readFrame(packet);
-        if (ret < 0) {
-            LOGE("readFrame error:%d", ret);
-            av_packet_unref(packet);
-            return ret;
-        }
-        if (packet->stream_index == media->getVideoStreamIndex() && packet->flags == AV_PKT_FLAG_KEY) {
-            break;
-        }
-        av_packet_unref(packet);
-        if (++passed >= kKeyPacketBudget) {
-            LOGE("Mutex time out.");
-            media->flushVideoDecoder();
-            return -1;
-        }
+    ret = findKeyPacket(media, t, packet);
+    if (ret < 0) {
+        return ret;
     }
     int got = 0;
     media->decodeVideo(&got, packet);
@@ -649,6 +636,79 @@ int VideoItem::getKeyFrameAt(int* dst, int dstBytes, int width, int height, int 
     ret = YUV420PToRGBA(media->getVideoFrame(), dst, scaleWidth, scaleHeight, rotation);
     media->flushVideoDecoder();
     return ret;
+}
+
+int VideoItem::findKeyPacket(KavraMedia* media, int timeMs, AVPacket* packet) {
+    // Seeking lands on the key frame at or before the time by decode time
+    // (MP4) or on any packet near it (MPEG-TS), so the first key packet read
+    // can be presented after the time. The grab then seeks further back,
+    // doubling the distance, as the strip's reader does, and takes the
+    // latest key packet presented at or before the time; after a step one
+    // second before the first frame, the first key packet read serves.
+    const AVStream* stream = media->videoStream();
+    const AVRational timeBase = stream != nullptr ? stream->time_base : AVRational{1, 1000};
+    const AVRational ms = {1, 1000};
+    const int64_t firstMs =
+        stream != nullptr && stream->start_time != AV_NOPTS_VALUE ? av_rescale_q(stream->start_time, timeBase, ms) : 0;
+    auto msOf = [&](int64_t ticks) { return ticks == AV_NOPTS_VALUE ? INT64_MIN : av_rescale_q(ticks, timeBase, ms); };
+    kavra::ScopedAVPacket best = kavra::makeScopedAVPacket();
+    if (!best) {
+        return -1;
+    }
+    int64_t stepBackMs = 0;
+    for (;;) {
+        bool haveBest = false;
+        for (int passed = 0;;) {
+            int ret = media->readFrame(packet);
+            if (ret < 0) {
+                av_packet_unref(packet);
+                if (haveBest) {
+                    break;  // the last key packet read serves
+                }
+                LOGE("readFrame error:%d", ret);
+                return ret;
+            }
+            const bool video = packet->stream_index == media->getVideoStreamIndex();
+            if (video && packet->flags == AV_PKT_FLAG_KEY) {
+                const int64_t shown = msOf(packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts);
+                if (shown <= timeMs) {
+                    av_packet_unref(best.get());
+                    av_packet_move_ref(best.get(), packet);
+                    haveBest = true;
+                    continue;
+                }
+                if (haveBest) {
+                    av_packet_unref(packet);
+                    break;
+                }
+                const int64_t soughtMs = static_cast<int64_t>(timeMs) - stepBackMs;
+                if (soughtMs < firstMs - kFirstStepBackMs || stepBackMs >= kMaxStepBackMs) {
+                    return 0;  // nothing earlier: the key packet in hand serves
+                }
+                av_packet_unref(packet);
+                stepBackMs = stepBackMs == 0 ? kFirstStepBackMs : stepBackMs * 2;
+                media->seekFrame(static_cast<int>(std::max<int64_t>(timeMs - stepBackMs, INT32_MIN)), -1,
+                                 AVSEEK_FLAG_BACKWARD | AVSEEK_FLAG_FRAME);
+                break;
+            }
+            // Once a video packet is decoded after the time, no later key
+            // packet can be presented at or before it.
+            const bool pastTime = video && haveBest && msOf(packet->dts) > timeMs;
+            av_packet_unref(packet);
+            if (pastTime) {
+                break;
+            }
+            if (!haveBest && ++passed >= kKeyPacketBudget) {
+                LOGE("Mutex time out.");
+                media->flushVideoDecoder();
+                return -1;
+            }
+        }
+        if (haveBest) {
+            av_packet_move_ref(packet, best.get());
+            return 0;
+        }
+    }
 }
 
 KavraMedia* VideoItem::keyFrameMedia() {

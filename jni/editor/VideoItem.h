@@ -108,6 +108,10 @@ private:
     int frameTimeMs(AVFrame* frame);
     // Writes a YUVJ420P picture to `path` as one JPEG image.
     void writeJpeg(const char* path, AVFrame* picture);
+    // Reads into `packet` the key packet of the key frame at or before
+    // timeMs, after the grab's seek; 0, or the read's error, or -1 when no
+    // key packet comes within the budget.
+    int findKeyPacket(KavraMedia* media, int timeMs, AVPacket* packet);
     // The key-frame grabs' own reader; opened on first use. Null when the
     // file cannot be opened again. Called under mKeyFrameLock.
     KavraMedia* keyFrameMedia();

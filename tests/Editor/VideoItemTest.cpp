@@ -239,6 +239,17 @@ INSTANTIATE_TEST_SUITE_P(Times, VideoItemKeyFrame,
                                            Grab{10001, 0}),   // past the duration: the start
                          [](const auto& info) { return "At" + std::to_string(info.param.timeMs); });
 
+// MPEG-TS seeks by estimate and can land after the key frame at or before
+// the time. late_start.ts has a key frame every second from 1466.7 ms on.
+TEST(VideoItemKeyFrameEdges, AnEstimatedSeekStillGivesTheKeyFrameAtOrBeforeTheTime) {
+    auto item = openItem("late_start.ts");
+    std::vector<int> dst(80 * 60);
+    for (auto [ms, expected] : {std::pair(1967, 0), std::pair(3466, 30), std::pair(3467, 60), std::pair(3966, 60)}) {
+        ASSERT_EQ(item->getKeyFrameAt(dst.data(), rgbaBytes(80, 60), 80, 60, ms), 0) << ms;
+        EXPECT_EQ(frameOf(dst, 80, 60, 0), expected) << ms;
+    }
+}
+
 TEST(VideoItemKeyFrameEdges, PixelsAreOpaqueRgbaInMemoryOrder) {
     VideoItem item;
     ASSERT_EQ(item.setSource(fixture("red_64x48.mp4").c_str(), true), 0);
