@@ -211,30 +211,25 @@ TEST(VideoItemStripEdges, DestinationsOfTheWrongSizeAreRefused) {
 // ---------------------------------------------------------------------------
 // Key-frame grabs
 
-struct Grab {
-    int timeMs;
-    int expected;
-};
-
-class VideoItemKeyFrame : public ::testing::TestWithParam<Grab> {};
+class VideoItemKeyFrame : public ::testing::TestWithParam<std::pair<int, int>> {};  // time (ms), key frame
 
 TEST_P(VideoItemKeyFrame, GrabsTheKeyFrameAtOrBeforeTheTimeInDisplayOrientation) {
-    const Grab& g = GetParam();
+    const auto& [timeMs, expected] = GetParam();
     for (const auto& [name, width, height, rotation] :
          {std::tuple("h264_aac.mp4", 200, 150, 0), std::tuple("h264_aac_rot90.mp4", 150, 200, 90)}) {
         SCOPED_TRACE(name);
         auto item = openItem(name);
         std::vector<int> dst(width * height);
-        ASSERT_EQ(item->getKeyFrameAt(dst.data(), rgbaBytes(width, height), width, height, g.timeMs), 0);
-        EXPECT_EQ(frameOf(dst, width, height, rotation), g.expected);
+        ASSERT_EQ(item->getKeyFrameAt(dst.data(), rgbaBytes(width, height), width, height, timeMs), 0);
+        EXPECT_EQ(frameOf(dst, width, height, rotation), expected);
     }
 }
 
 INSTANTIATE_TEST_SUITE_P(Times, VideoItemKeyFrame,
-                         ::testing::Values(Grab{0, 0}, Grab{4500, 120}, Grab{9999, 270},
-                                           Grab{10000, 270},  // the duration itself
-                                           Grab{10001, 0}),   // past the duration: the start
-                         [](const auto& info) { return "At" + std::to_string(info.param.timeMs); });
+                         ::testing::Values(std::pair(0, 0), std::pair(4500, 120), std::pair(9999, 270),
+                                           std::pair(10000, 270),  // the duration itself
+                                           std::pair(10001, 0)),   // past the duration: the start
+                         [](const auto& info) { return "At" + std::to_string(info.param.first); });
 
 // MPEG-TS seeks by estimate and can land after the key frame at or before
 // the time. late_start.ts has a key frame every second from 1466.7 ms on.
