@@ -5,27 +5,22 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <sstream>
 
 #include "ToolJson.h"
 #include "support/Ffprobe.h"
 #include "support/Fixtures.h"
-#include "support/Process.h"
 
 namespace kavra::test {
 namespace {
 
 // Presentation times (ms) of the video frames, as ffprobe lists them.
 std::vector<double> framePtsMs(const std::string& path) {
-    CommandResult r = runCommand("ffprobe -v error -select_streams v:0 -show_entries frame=pts_time -of csv=p=0 " +
-                                 shellQuote(path));
+    Ffprobe probe(path, "-select_streams v:0 -show_entries frame=pts_time");
     std::vector<double> pts;
-    std::istringstream in(r.output);
-    for (std::string line; std::getline(in, line);) {
-        if (!line.empty() && line != "N/A") {
-            pts.push_back(strtod(line.c_str(), nullptr) * 1000.0);
-        }
+    for (int n = 0; !probe.get("frames.frame." + std::to_string(n) + ".pts_time").empty(); ++n) {
+        pts.push_back(probe.number("frames.frame." + std::to_string(n) + ".pts_time", NAN) * 1000.0);
     }
+    pts.erase(std::remove_if(pts.begin(), pts.end(), [](double t) { return std::isnan(t); }), pts.end());
     std::sort(pts.begin(), pts.end());
     return pts;
 }
@@ -44,8 +39,7 @@ TEST_P(PlayCommand, ScriptedSeeksShowTheFrameHoldingTheTarget) {
     const std::vector<int> targets = {3020, 1250, 7015};
     const std::string script = "100 seek 3020; 400 pause; 500 seek 1250; 700 resume; 900 seek 7015" +
                                std::string(GetParam().extraScript);
-    CommandResult r = runCommand(shellQuote(kavraTool()) + " play --headless --json --speed 4 " + shellQuote(path) +
-                                 " --script " + shellQuote(script));
+    CommandResult r = kavra("play --headless --json --speed 4 " + shellQuote(path) + " --script " + shellQuote(script));
     ASSERT_EQ(r.status, 0) << r.output;
     EXPECT_NE(r.output.find("\"completed\": true"), std::string::npos) << r.output;
 

@@ -7,12 +7,11 @@
 #include "ToolJson.h"
 #include "support/Ffprobe.h"
 #include "support/Fixtures.h"
-#include "support/Process.h"
 
 namespace kavra::test {
 namespace {
 
-CommandResult probe(const std::string& args) { return runCommand(shellQuote(kavraTool()) + " probe " + args + " 2>&1"); }
+CommandResult probe(const std::string& args) { return kavra("probe " + args + " 2>&1"); }
 
 // The value of "key" in stream n's object, for keys only streams have.
 std::string streamField(const std::string& json, int n, const std::string& key) {
@@ -76,7 +75,7 @@ int probeFrameCount(const std::string& path, const std::string& kind) {
 struct DecodeCase {
     const char* name;
     const char* file;
-    const char* decoder;  // chosen with --video-decoder, or "" for the default
+    const char* options;  // e.g. a decoder chosen with --video-decoder
     const char* expectedDecoder;
 };
 
@@ -85,11 +84,7 @@ class DecodeCommand : public ::testing::TestWithParam<DecodeCase> {};
 TEST_P(DecodeCommand, CountsWhatFfprobeCounts) {
     const DecodeCase& c = GetParam();
     const std::string path = fixture(c.file);
-    std::string command = shellQuote(kavraTool()) + " decode " + shellQuote(path) + " --json";
-    if (c.decoder[0] != '\0') {
-        command += std::string(" --video-decoder ") + c.decoder;
-    }
-    CommandResult r = runCommand(command);
+    CommandResult r = kavra("decode " + shellQuote(path) + " --json" + c.options);
     ASSERT_EQ(r.status, 0) << r.output;
     const int video = probeFrameCount(path, "v");
     EXPECT_EQ(jsonNumber(r.output, "video_frames"), video) << r.output;
@@ -103,7 +98,7 @@ TEST_P(DecodeCommand, CountsWhatFfprobeCounts) {
 
 INSTANTIATE_TEST_SUITE_P(Fixtures, DecodeCommand,
                          ::testing::Values(DecodeCase{"h264_aac_codec", "h264_aac.mp4", "", "codec"},
-                                           DecodeCase{"h264_aac_ffmpeg_chosen", "h264_aac.mp4", "ffmpeg", "ffmpeg"},
+                                           DecodeCase{"h264_aac_ffmpeg_chosen", "h264_aac.mp4", " --video-decoder ffmpeg", "ffmpeg"},
                                            DecodeCase{"late_start_ts", "late_start.ts", "", "codec"},
                                            DecodeCase{"mpeg4_bframes", "mpeg4_bframes.mp4", "", "ffmpeg"},
                                            DecodeCase{"vp9_webm", "vp9.webm", "", "ffmpeg"},
@@ -115,8 +110,7 @@ INSTANTIATE_TEST_SUITE_P(Fixtures, DecodeCommand,
 // The frames come through the player's pipeline (its demux thread and end
 // of input), not through a loop of the command's own.
 TEST(DecodeCommandPipeline, DecodesThroughTheDemuxThread) {
-    CommandResult r = runCommand("timeout 120 " + shellQuote(kavraTool()) + " -v decode " +
-                                 shellQuote(fixture("mpeg4.mp4")) + " 2>&1 >/dev/null");
+    CommandResult r = kavra("-v decode " + shellQuote(fixture("mpeg4.mp4")) + " 2>&1 >/dev/null");
     EXPECT_EQ(r.status, 0) << r.output;
     EXPECT_NE(r.output.find("KavraMediaDecoder: onMuxPacket thread begin"), std::string::npos) << r.output;
     EXPECT_NE(r.output.find("KavraMediaDecoder: Mux end."), std::string::npos) << r.output;

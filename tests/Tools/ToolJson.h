@@ -1,14 +1,22 @@
 #pragma once
 
-// Reading the tool's JSON answers. The tool prints flat objects, one value
-// per key, so a plain scan is enough.
+// Running the kavra tool and reading its JSON answers. The tool prints flat
+// objects, one value per key, so a plain scan is enough.
 
 #include <cmath>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
+#include "support/Process.h"
+
 namespace kavra::test {
+
+// Runs the tool with `args` (redirections included); bounded, so that a hang
+// fails with timeout's status 124.
+inline CommandResult kavra(const std::string& args) {
+    return runCommand("timeout 120 " + shellQuote(kavraTool()) + " " + args);
+}
 
 // Every value that follows "key": in the JSON text, in order: numbers and
 // null as written, strings without their quotes.

@@ -9,18 +9,13 @@
 #include <vector>
 
 #include "../tools/kavra/ContactSheet.h"
+#include "Tools/ToolJson.h"
 #include "TrimMedia.h"
 #include "support/Ffprobe.h"
 #include "support/Fixtures.h"
 
 namespace kavra::test {
 namespace {
-
-// Standard output and error together; bounded, so that a hang fails with
-// timeout's status 124.
-CommandResult kavra(const std::string& args) {
-    return runCommand("timeout 120 " + shellQuote(kavraTool()) + " " + args + " 2>&1");
-}
 
 std::string q(const std::string& s) { return shellQuote(s); }
 
@@ -30,7 +25,7 @@ TEST(TrimCommand, ReportsWhatItWroteAsJson) {
     ScratchDir dir;
     const std::string out = dir.file("clip.mp4");
     CommandResult r = kavra("trim " + q(fixture("h264_aac.mp4")) + " " + q(out) +
-                            " --from 1100 --to 3500ms --cut --keep-codec --json");
+                            " --from 1100 --to 3500ms --cut --keep-codec --json 2>&1");
     ASSERT_EQ(r.status, 0) << r.output;
     MediaReport m = inspectMedia(out);
     EXPECT_EQ(m.frames, concat(run(0, 32), run(105, 299)));
@@ -66,7 +61,7 @@ TEST(TrimCommand, ReadsTimesInTheFilesOwnTimelineAsThumbsDoes) {
     EXPECT_EQ(frameIndexFromRgba(sheet.at(layout.x(0), layout.y(0)), sheet.width * 4, 160, 120), 60);
 
     const std::string out = dir.file("clip.mp4");
-    CommandResult r = kavra("trim " + q(in) + " " + q(out) + " --from " + from + " --to " + to);
+    CommandResult r = kavra("trim " + q(in) + " " + q(out) + " --from " + from + " --to " + to + " 2>&1");
     ASSERT_EQ(r.status, 0) << r.output;
     MediaReport m = inspectMedia(out);
     ASSERT_FALSE(m.frames.empty());
