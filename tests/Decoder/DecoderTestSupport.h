@@ -18,7 +18,6 @@
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
-#include <libavutil/imgutils.h>
 }
 
 #include "Common/FFmpegPtr.h"
@@ -141,11 +140,8 @@ private:
                 mOnEnd();
             }
             std::lock_guard<std::mutex> lock(mMutex);
-            if (mEnded) {
-                mAfterEnd += 1;
-            }
+            mAfterEnd += mEnds > 0 ? 1 : 0;
             if (end) {
-                mEnded = true;
                 mEnds += 1;
             } else {
                 mFrames.push_back(f);
@@ -161,7 +157,6 @@ private:
     mutable std::mutex mMutex;
     std::condition_variable mCond;
     std::vector<DecodedFrame> mFrames;
-    bool mEnded = false;
     int mEnds = 0;
     int mAfterEnd = 0;
 };

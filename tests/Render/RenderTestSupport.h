@@ -24,14 +24,11 @@ extern "C" {
 
 namespace kavra::test {
 
-
 // The record a decoder hands out for a decoded video frame.
 inline FrameBuffer videoRecord(AVFrame* frame, int ptsMs) {
-    FrameBuffer record;
-    memset(&record, 0, sizeof(record));
-    record.type = 1;
-    record.data = frame;
-    record.frame = frame;
+    FrameBuffer record{};
+    record.type = FRAME_BUFFER_FRAME;
+    record.data = record.frame = frame;
     record.ptsMs = ptsMs;
     record.durationMs = 33;
     record.format = frame->format;
@@ -43,11 +40,9 @@ inline FrameBuffer videoRecord(AVFrame* frame, int ptsMs) {
 
 // The record a decoder hands out for a decoded audio frame.
 inline FrameBuffer audioRecord(AVFrame* frame, int ptsMs) {
-    FrameBuffer record;
-    memset(&record, 0, sizeof(record));
-    record.type = 1;
-    record.data = frame;
-    record.frame = frame;
+    FrameBuffer record{};
+    record.type = FRAME_BUFFER_FRAME;
+    record.data = record.frame = frame;
     record.ptsMs = ptsMs;
     record.format = frame->format;
     record.sampleRate = frame->sample_rate;
