@@ -650,7 +650,11 @@ int VideoItem::findKeyPacket(KavraMedia* media, int timeMs, AVPacket* packet) {
     const AVRational ms = {1, 1000};
     const int64_t firstMs =
         stream != nullptr && stream->start_time != AV_NOPTS_VALUE ? av_rescale_q(stream->start_time, timeBase, ms) : 0;
-    auto msOf = [&](int64_t ticks) { return ticks == AV_NOPTS_VALUE ? INT64_MIN : av_rescale_q(ticks, timeBase, ms); };
+    // Exact comparisons of stream ticks with the time: a key frame a
+    // fraction of a millisecond after it is after it.
+    auto after = [&](int64_t ticks) {
+        return ticks != AV_NOPTS_VALUE && av_compare_ts(ticks, timeBase, timeMs, ms) > 0;
+    };
     kavra::ScopedAVPacket best = kavra::makeScopedAVPacket();
     if (!best) {
         return -1;
@@ -670,8 +674,7 @@ int VideoItem::findKeyPacket(KavraMedia* media, int timeMs, AVPacket* packet) {
             }
             const bool video = packet->stream_index == media->getVideoStreamIndex();
             if (video && packet->flags == AV_PKT_FLAG_KEY) {
-                const int64_t shown = msOf(packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts);
-                if (shown <= timeMs) {
+                if (!after(packet->pts != AV_NOPTS_VALUE ? packet->pts : packet->dts)) {
                     av_packet_unref(best.get());
                     av_packet_move_ref(best.get(), packet);
                     haveBest = true;
@@ -693,7 +696,7 @@ int VideoItem::findKeyPacket(KavraMedia* media, int timeMs, AVPacket* packet) {
             }
             // Once a video packet is decoded after the time, no later key
             // packet can be presented at or before it.
-            const bool pastTime = video && haveBest && msOf(packet->dts) > timeMs;
+            const bool pastTime = video && haveBest && after(packet->dts);
             av_packet_unref(packet);
             if (pastTime) {
                 break;
