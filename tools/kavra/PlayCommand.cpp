@@ -80,6 +80,8 @@ struct Options {
     PlayScript script;
 };
 
+#ifdef KAVRA_HAVE_SDL2
+// The window's title: state and position.
 const char* stateName(int status) {
     switch (status) {
     case KavraMediaPlayer::MEDIA_PLAYER_STARTED: return "playing";
@@ -98,6 +100,7 @@ std::string clockText(int ms) {
     snprintf(text, sizeof(text), "%d:%02d.%d", ms / 60000, ms / 1000 % 60, ms / 100 % 10);
     return text;
 }
+#endif
 
 bool parseOptions(const std::vector<std::string>& args, Options* o) {
     tool::Arguments a;
@@ -454,8 +457,9 @@ int runPlay(const std::vector<std::string>& args) {
     }
 #endif
     int audioTracks = 0;
-    int width = 0;
-    int height = 0;
+    // The window's size (a build without display support has no window).
+    [[maybe_unused]] int width = 0;
+    [[maybe_unused]] int height = 0;
     {
         // The tool's own checks first, so that a bad file gets the same
         // message as in every other command.
