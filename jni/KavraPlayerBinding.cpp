@@ -9,7 +9,7 @@
 
 #include "JniBindings.h"
 #include "Player/KavraMediaPlayer.h"
-#include "Surface.h"
+#include "Platform/Surface.h"
 
 #define ALOGW(...) __android_log_print(ANDROID_LOG_WARN, KAVRA_BINDING_TAG, __VA_ARGS__)
 #define ALOGE(...) __android_log_print(ANDROID_LOG_ERROR, KAVRA_BINDING_TAG, __VA_ARGS__)

@@ -11,7 +11,7 @@
 #include "Common/FrameBuffer.h"
 #include "JniBindings.h"
 #include "Render/VideoRender.h"
-#include "Surface.h"
+#include "Platform/Surface.h"
 
 extern "C" {
 #include <libavutil/imgutils.h>

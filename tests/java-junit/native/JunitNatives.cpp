@@ -11,7 +11,7 @@
 #include <memory>
 
 #include "MemoryNativeWindow.h"
-#include "Surface.h"
+#include "Platform/Surface.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "Surface.h"
+#include "Platform/Surface.h"
 
 #include <cstdint>
 #include <utility>
