@@ -5,9 +5,11 @@
 #   scripts/test.sh address|thread  the same suite under AddressSanitizer +
 #                                   UndefinedBehaviorSanitizer, or ThreadSanitizer
 #   scripts/test.sh all             all three, one after the other
+#   scripts/test.sh arm64           an arm64 cross build, the suite under
+#                                   qemu's user-mode emulator
 set -euo pipefail
 root="$(cd "$(dirname "$0")/.." && pwd)"
-"$root/scripts/setup.sh"
+"$root/scripts/setup.sh" "${1:-}"
 flavours=("${1:-plain}")
 [ "${1:-}" = "all" ] && flavours=(plain address thread)
 for flavour in "${flavours[@]}"; do

@@ -7,6 +7,8 @@
 #include <jni.h>
 #include <jvmti.h>
 
+#include <malloc.h>
+
 #include <cstdint>
 #include <memory>
 
@@ -98,6 +100,12 @@ JNIEXPORT jint JNICALL Java_kavra_junit_LeakTest_globalRefCount(JNIEnv* env, jcl
     }
     jvmti->DisposeEnvironment();
     return count;
+}
+
+// KiB of the C heap in use (small blocks and mapped large ones).
+JNIEXPORT jlong JNICALL Java_kavra_junit_LeakTest_heapInUseKiB(JNIEnv*, jclass) {
+    struct mallinfo2 heap = mallinfo2();
+    return static_cast<jlong>((heap.uordblks + heap.hblkhd) / 1024);
 }
 
 }  // extern "C"
