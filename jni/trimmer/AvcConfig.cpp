@@ -1,89 +1,13 @@
 #include "trimmer/AvcConfig.h"
 
+#include "trimmer/AnnexB.h"
+#include "trimmer/RbspEditor.h"
+
 namespace {
 
 constexpr int kNalSps = 7;
 constexpr int kNalPps = 8;
 constexpr int kNalIdr = 5;
-
-// Reads Exp-Golomb codes from the start of a NAL unit's payload, with the
-// emulation-prevention bytes taken out.
-class BitReader {
-public:
-    BitReader(const std::vector<uint8_t>& nal, size_t from) {
-        int zeros = 0;
-        for (size_t i = from; i < nal.size() && mBytes.size() < 64; ++i) {
-            if (zeros >= 2 && nal[i] == 3) {
-                zeros = 0;
-                continue;
-            }
-            zeros = nal[i] == 0 ? zeros + 1 : 0;
-            mBytes.push_back(nal[i]);
-        }
-    }
-    int bit() {
-        if (mPos >= mBytes.size() * 8) {
-            mFailed = true;
-            return 0;
-        }
-        int b = (mBytes[mPos / 8] >> (7 - mPos % 8)) & 1;
-        ++mPos;
-        return b;
-    }
-    int ue() {
-        int zeros = 0;
-        while (bit() == 0 && !mFailed && zeros < 32) {
-            ++zeros;
-        }
-        if (mFailed || zeros >= 32) {
-            mFailed = true;
-            return -1;
-        }
-        long value = 1;
-        for (int i = 0; i < zeros; ++i) {
-            value = (value << 1) | bit();
-        }
-        return mFailed ? -1 : static_cast<int>(value - 1);
-    }
-    bool failed() const { return mFailed; }
-
-private:
-    std::vector<uint8_t> mBytes;
-    size_t mPos = 0;
-    bool mFailed = false;
-};
-
-// Start of each NAL unit of an Annex B buffer and its end (next start code
-// or the buffer's end).
-template <typename F>
-void forEachAnnexBNal(const uint8_t* data, size_t size, F f) {
-    size_t i = 0;
-    size_t start = SIZE_MAX;
-    while (i + 3 <= size) {
-        if (data[i] == 0 && data[i + 1] == 0 && data[i + 2] == 1) {
-            if (start != SIZE_MAX) {
-                size_t end = i;
-                while (end > start && data[end - 1] == 0) {
-                    --end;
-                }
-                f(data + start, end - start);
-            }
-            i += 3;
-            start = i;
-        } else {
-            ++i;
-        }
-    }
-    if (start != SIZE_MAX && start < size) {
-        f(data + start, size - start);
-    }
-}
-
-void putLength(std::vector<uint8_t>* out, size_t value, int bytes) {
-    for (int i = bytes - 1; i >= 0; --i) {
-        out->push_back(static_cast<uint8_t>(value >> (8 * i)));
-    }
-}
 
 }  // namespace
 
@@ -126,7 +50,7 @@ bool AvcConfig::parseRecord(const uint8_t* data, size_t size) {
 }
 
 bool AvcConfig::parseAnnexB(const uint8_t* data, size_t size) {
-    forEachAnnexBNal(data, size, [&](const uint8_t* nal, size_t len) {
+    annexb::forEachNal(data, size, [&](const uint8_t* nal, size_t len) {
         if (len < 2) {
             return;
         }
@@ -150,8 +74,9 @@ std::vector<int> AvcConfig::spsIds() const {
     std::vector<int> ids;
     for (const auto& s : mSps) {
         // After the NAL header: profile_idc, the constraint flags, level_idc.
-        BitReader r(s, 4);
-        ids.push_back(r.ue());
+        RbspEditor r(s.data(), s.size(), 1);
+        r.copyBits(24);
+        ids.push_back(static_cast<int>(r.copyUe()));
     }
     return ids;
 }
@@ -159,8 +84,8 @@ std::vector<int> AvcConfig::spsIds() const {
 std::vector<int> AvcConfig::ppsIds() const {
     std::vector<int> ids;
     for (const auto& p : mPps) {
-        BitReader r(p, 1);
-        ids.push_back(r.ue());
+        RbspEditor r(p.data(), p.size(), 1);
+        ids.push_back(static_cast<int>(r.copyUe()));
     }
     return ids;
 }
@@ -170,14 +95,14 @@ std::vector<uint8_t> AvcConfig::mergedWith(const AvcConfig& other) const {
     out.push_back(static_cast<uint8_t>(0xE0 | (mSps.size() + other.mSps.size())));
     for (const auto* sets : {&mSps, &other.mSps}) {
         for (const auto& s : *sets) {
-            putLength(&out, s.size(), 2);
+            annexb::putLength(&out, s.size(), 2);
             out.insert(out.end(), s.begin(), s.end());
         }
     }
     out.push_back(static_cast<uint8_t>(mPps.size() + other.mPps.size()));
     for (const auto* sets : {&mPps, &other.mPps}) {
         for (const auto& p : *sets) {
-            putLength(&out, p.size(), 2);
+            annexb::putLength(&out, p.size(), 2);
             out.insert(out.end(), p.begin(), p.end());
         }
     }
@@ -207,12 +132,12 @@ bool AvcConfig::hasIdrSlice(const uint8_t* data, size_t size, int nalLengthSize)
 void AvcConfig::annexBToLengthPrefixed(const uint8_t* data, size_t size, int nalLengthSize,
                                        std::vector<uint8_t>* out) {
     out->clear();
-    forEachAnnexBNal(data, size, [&](const uint8_t* nal, size_t len) {
+    annexb::forEachNal(data, size, [&](const uint8_t* nal, size_t len) {
         int type = len > 0 ? nal[0] & 0x1F : 0;
         if (len == 0 || type == kNalSps || type == kNalPps) {
             return;
         }
-        putLength(out, len, nalLengthSize);
+        annexb::putLength(out, len, nalLengthSize);
         out->insert(out->end(), nal, nal + len);
     });
 }

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "trimmer/H264Encoder.h"
+#include "trimmer/AnnexB.h"
 #include "trimmer/TrimInput.h"
 #include "trimmer/TrimLog.h"
 #include "trimmer/TrimMuxer.h"
@@ -18,8 +18,6 @@ KeepCodecTrim::KeepCodecTrim(TrimInput& input, TrimMuxer& muxer, VideoReencoder&
       mDecoder(nullptr),
       mInputParams(nullptr),
       mFrameRate{30, 1},
-      mSampleAspect{0, 1},
-      mParameterSetId(0),
       mFrameTicks(1),
       mAudioTicks(0),
       mDelayFrames(0),
@@ -33,52 +31,17 @@ int KeepCodecTrim::setUp(const AVCodecContext* decoder, AVRational frameRate, AV
     mDecoder = decoder;
     mInputParams = in;
     mFrameRate = frameRate;
-    mSampleAspect = sampleAspect;
-    if (in->codec_id == AV_CODEC_ID_HEVC) {
-        *why = "HEVC input (re-encoded frames cannot get parameter set ids of their own)";
-        return -1;
-    }
-    if (in->codec_id != AV_CODEC_ID_H264) {
+    mStream = KeepCodecStream::forCodec(in->codec_id);
+    if (!mStream) {
         *why = std::string(avcodec_get_name(in->codec_id)) + " input";
         return -1;
     }
-    if (!mInputConfig.parse(in->extradata, static_cast<size_t>(std::max(0, in->extradata_size))) ||
-        in->extradata[0] != 1) {
-        *why = "the H.264 stream has no configuration record";
-        return -1;
-    }
-    // An id that none of the input's SPS or PPS uses (x264 gives its PPS
-    // the id of its SPS).
-    std::vector<int> used = mInputConfig.spsIds();
-    std::vector<int> ppsIds = mInputConfig.ppsIds();
-    used.insert(used.end(), ppsIds.begin(), ppsIds.end());
-    if (std::find(used.begin(), used.end(), -1) != used.end()) {
-        *why = "the input's parameter sets cannot be read";
-        return -1;
-    }
-    mParameterSetId = -1;
-    for (int id = 1; id < 32 && mParameterSetId < 0; ++id) {
-        if (std::find(used.begin(), used.end(), id) == used.end()) {
-            mParameterSetId = id;
-        }
-    }
-    if (mParameterSetId < 0) {
-        *why = "the input uses every parameter set id";
-        return -1;
-    }
     kavra::ScopedAVCodecContext encoder;
-    if (H264Encoder::open(decoder, in, frameRate, sampleAspect, mParameterSetId, &encoder, why) < 0) {
-        return -1;
-    }
-    AvcConfig encoderConfig;
-    if (!encoderConfig.parse(encoder->extradata, static_cast<size_t>(std::max(0, encoder->extradata_size))) ||
-        encoderConfig.spsIds() != std::vector<int>{mParameterSetId} ||
-        encoderConfig.ppsIds() != std::vector<int>{mParameterSetId}) {
-        *why = "the encoder's parameter sets do not have the chosen id";
+    if (mStream->setUp(decoder, in, frameRate, sampleAspect, &encoder, why) < 0) {
         return -1;
     }
     AVStream* out = mMuxer.videoStream();
-    std::vector<uint8_t> record = mInputConfig.mergedWith(encoderConfig);
+    std::vector<uint8_t> record = mStream->record();
     if (avcodec_parameters_copy(out->codecpar, in) < 0) {
         *why = "out of memory";
         return -1;
@@ -92,7 +55,7 @@ int KeepCodecTrim::setUp(const AVCodecContext* decoder, AVRational frameRate, AV
     }
     memcpy(out->codecpar->extradata, record.data(), record.size());
     out->codecpar->extradata_size = static_cast<int>(record.size());
-    out->codecpar->codec_tag = 0;
+    out->codecpar->codec_tag = mStream->codecTag();
     // The encoder opened here serves the first run of frames.
     mSpareEncoder = std::move(encoder);
     mEncoded.reset(av_packet_alloc());
@@ -102,9 +65,9 @@ int KeepCodecTrim::setUp(const AVCodecContext* decoder, AVRational frameRate, AV
     }
     // Only IDR pictures can follow re-encoded frames: after one, no packet
     // refers to anything before it.
-    const int lengthSize = mInputConfig.nalLengthSize();
-    mInput.setJoinPoint([lengthSize](const AVPacket* p) {
-        return AvcConfig::hasIdrSlice(p->data, static_cast<size_t>(p->size), lengthSize);
+    const KeepCodecStream* stream = mStream.get();
+    mInput.setJoinPoint([stream](const AVPacket* p) {
+        return stream->isJoinPoint(p->data, static_cast<size_t>(p->size));
     });
     return 0;
 }
@@ -160,8 +123,7 @@ int KeepCodecTrim::runPart(const Part& part) {
 int KeepCodecTrim::encodeRun(int64_t low, int64_t high, int64_t stopAtKey, bool last, const Part& part) {
     kavra::ScopedAVCodecContext encoder = std::move(mSpareEncoder);
     std::string why;
-    if (!encoder &&
-        H264Encoder::open(mDecoder, mInputParams, mFrameRate, mSampleAspect, mParameterSetId, &encoder, &why) < 0) {
+    if (!encoder && mStream->openEncoder(&encoder, &why) < 0) {
         ALOGE("keep codec: %s", why.c_str());
         return -1;
     }
@@ -271,12 +233,12 @@ bool KeepCodecTrim::takeAudio(AVPacket* p, const Part& part) {
 }
 
 int KeepCodecTrim::writeEncodedPacket(AVPacket* packet) {
-    const bool annexB = packet->size >= 3 && packet->data[0] == 0 && packet->data[1] == 0 &&
-                        (packet->data[2] == 1 || (packet->size >= 4 && packet->data[2] == 0 && packet->data[3] == 1));
     AVPacket* out = packet;
-    if (annexB) {
-        AvcConfig::annexBToLengthPrefixed(packet->data, static_cast<size_t>(packet->size),
-                                          mInputConfig.nalLengthSize(), &mNalBuffer);
+    if (annexb::startsWithStartCode(packet->data, static_cast<size_t>(std::max(0, packet->size)))) {
+        if (!mStream->toOutput(packet->data, static_cast<size_t>(packet->size), &mNalBuffer)) {
+            ALOGE("keep codec: an encoded packet cannot be written beside the copied ones");
+            return AVERROR_INVALIDDATA;
+        }
         av_packet_unref(mEncoded.get());
         if (av_new_packet(mEncoded.get(), static_cast<int>(mNalBuffer.size())) < 0 ||
             av_packet_copy_props(mEncoded.get(), packet) < 0) {

@@ -2,18 +2,19 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "Common/FFmpegPtr.h"
-#include "trimmer/AvcConfig.h"
+#include "trimmer/KeepCodecStream.h"
 #include "trimmer/VideoReencoder.h"
 
 class TrimInput;
 class TrimMuxer;
 
-// A trim that keeps the input's H.264 video: packets are copied byte for
-// byte from the first IDR picture at or after a cut, and only the frames a
+// A trim that keeps the input's H.264 or HEVC video: packets are copied byte
+// for byte from the first IDR picture at or after a cut, and only the frames a
 // copy cannot carry are decoded and re-encoded with the same codec: those
 // from the cut to that IDR picture, and at the end of a part those that
 // depend on a picture after it. The output's configuration record carries
@@ -52,7 +53,8 @@ public:
     // Writes one part. 0, or negative when encoding failed.
     int runPart(const Part& part);
 
-    // Encoded packets, in Annex B form, into the output.
+    // Encoded packets, in Annex B form, into the output; AVERROR_INVALIDDATA
+    // when one cannot be put beside the copied packets.
     int writeEncodedPacket(AVPacket* packet) override;
 
 private:
@@ -69,9 +71,7 @@ private:
     const AVCodecContext* mDecoder;
     const AVCodecParameters* mInputParams;
     AVRational mFrameRate;
-    AVRational mSampleAspect;
-    AvcConfig mInputConfig;
-    int mParameterSetId;
+    std::unique_ptr<KeepCodecStream> mStream;
     kavra::ScopedAVCodecContext mSpareEncoder;  // opened, not used yet
 
     int64_t mFrameTicks;

@@ -51,10 +51,10 @@ class TrimProgressListener;
 // and the first packet of every run of encoded packets, and of every run of
 // copied packets that follows encoded ones, starts with its own header.
 //
-// With setKeepVideoCodec(true), an H.264 input keeps its codec instead:
+// With setKeepVideoCodec(true), an H.264 or HEVC input keeps its codec:
 // packets are copied byte for byte from the first IDR picture at or after
 // each cut, and only the frames a copy cannot carry are re-encoded with
-// H.264 (see KeepCodecTrim). Any other input, or one whose stream does not
+// the same codec (see KeepCodecTrim). Any other input, or one whose stream does not
 // allow it, falls back to MPEG-4 with one log line saying why.
 //
 // Order of use: constructor, setJNIListener (optional), setKeepVideoCodec

@@ -160,10 +160,11 @@ INSTANTIATE_TEST_SUITE_P(
         RangeCase{"h264_rot90_cut_on_keys", "h264_aac_rot90.mp4", 1, 1000, 2000, concat(run(0, 29), run(60, 299)), 0,
                   true},
         RangeCase{"h264_open_gop", "h264_open_gop.mp4", 0, 1100, 2500, run(33, 75), 43, true},
+        RangeCase{"hevc_keep_between_keys", "hevc.mp4", 0, 1100, 3500, kKept, 27, true},
+        RangeCase{"hevc_cut_on_keys", "hevc.mp4", 1, 1000, 2000, concat(run(0, 29), run(60, 299)), 0, true},
+        RangeCase{"hevc_cut_between_keys", "hevc.mp4", 1, 1100, 3500, kCut, 2 + 15, true},
         // Inputs that cannot keep their codec: re-encoded in full as MPEG-4
         // (these are the keep runs of MPEG-4 with B-frames and of VP9 too).
-        RangeCase{"hevc", "hevc.mp4", 1, 1100, 3500, kCut, kAll, true,
-                  "HEVC input (re-encoded frames cannot get parameter set ids of their own)"},
         RangeCase{"mpeg4_bframes", "mpeg4_bframes.mp4", 0, 1100, 3500, kKept, kAll, true, "mpeg4 input"},
         RangeCase{"vp9", "vp9.webm", 0, 1100, 3500, kKept, kAll, true, "vp9 input"}),
     [](const ::testing::TestParamInfo<RangeCase>& info) { return std::string(info.param.name); });

@@ -1,6 +1,6 @@
 // kavra trim IN OUT --from TIME --to TIME [--cut] [--keep-codec] [--json]:
 // keeps the range (or, with --cut, removes it and joins the rest) into a new
-// MP4 file. --keep-codec keeps an H.264 video's codec, re-encoding only the
+// MP4 file. --keep-codec keeps an H.264 or HEVC video's codec, re-encoding only the
 // frames next to the cuts.
 // TIMEs are in the file's own timeline, as for every command; the trimmer
 // counts from the first video timestamp, so they are converted here.

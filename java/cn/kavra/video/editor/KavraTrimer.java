@@ -56,7 +56,7 @@ public class KavraTrimer implements AutoCloseable {
     }
 
     /**
-     * Keeps an H.264 video's own codec: packets are copied from the first IDR
+     * Keeps an H.264 or HEVC video's own codec: packets are copied from the first IDR
      * picture at or after each cut and only the frames next to the cuts are
      * re-encoded. Other videos are re-encoded to MPEG-4 as without it. Off by
      * default; takes effect at the next prepare().

@@ -1,0 +1,76 @@
+#include "trimmer/H265Encoder.h"
+
+#include <cstdio>
+
+extern "C" {
+#include <libavutil/opt.h>
+}
+
+namespace {
+
+// x265's name for an HEVC profile, or null for one it is not asked to write.
+const char* profileName(int profile) {
+    switch (profile) {
+    case FF_PROFILE_HEVC_MAIN: return "main";
+    case FF_PROFILE_HEVC_MAIN_10: return "main10";
+    default: return nullptr;
+    }
+}
+
+// Constant quality a little finer than a phone's own encoder, so the
+// re-encoded frames are hard to tell from the copied ones.
+constexpr const char* kQuality = "12";
+
+}  // namespace
+
+int H265Encoder::open(const AVCodecContext* dec, const AVCodecParameters* input, AVRational frameRate,
+                      AVRational sampleAspect, kavra::ScopedAVCodecContext* encoder, std::string* why) {
+    const AVCodec* codec = avcodec_find_encoder_by_name("libx265");
+    if (codec == nullptr) {
+        *why = "no HEVC encoder";
+        return -1;
+    }
+    const char* profile = profileName(input->profile);
+    if (profile == nullptr) {
+        *why = "HEVC profile " + std::to_string(input->profile) + " cannot be encoded";
+        return -1;
+    }
+    encoder->reset(avcodec_alloc_context3(codec));
+    AVCodecContext* enc = encoder->get();
+    if (enc == nullptr) {
+        *why = "out of memory";
+        return -1;
+    }
+    enc->width = dec->width;
+    enc->height = dec->height;
+    enc->pix_fmt = dec->pix_fmt;
+    enc->time_base = av_inv_q(frameRate);
+    enc->framerate = frameRate;
+    enc->color_range = dec->color_range;
+    enc->color_primaries = dec->color_primaries;
+    enc->color_trc = dec->color_trc;
+    enc->colorspace = dec->colorspace;
+    enc->chroma_sample_location = dec->chroma_sample_location;
+    if (sampleAspect.num > 0 && sampleAspect.den > 0) {
+        enc->sample_aspect_ratio = sampleAspect;
+    }
+    enc->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    av_opt_set(enc->priv_data, "preset", "veryfast", 0);
+    av_opt_set(enc->priv_data, "profile", profile, 0);
+    av_opt_set(enc->priv_data, "crf", kQuality, 0);
+    // One key frame at the start of each run (a run never outlasts the
+    // input's own interval between key frames), no B-frames, no SEI of the
+    // encoder's own, the input's level.
+    char params[160];
+    snprintf(params, sizeof params,
+             "log-level=error:keyint=-1:min-keyint=1:scenecut=0:open-gop=0:bframes=0:info=0:repeat-headers=0:"
+             "level-idc=%d",
+             input->level > 0 ? input->level / 3 : 0);
+    av_opt_set(enc->priv_data, "x265-params", params, 0);
+    if (avcodec_open2(enc, codec, nullptr) < 0) {
+        *why = "the HEVC encoder does not take these pictures";
+        encoder->reset();
+        return -1;
+    }
+    return 0;
+}

@@ -1,0 +1,27 @@
+#pragma once
+
+#include "trimmer/HevcConfig.h"
+#include "trimmer/KeepCodecStream.h"
+
+// HEVC kept: x265 numbers its parameter sets 0, so they and the encoded
+// slices are renumbered to ids the input does not use; copies start at IDR
+// pictures.
+class HevcKeepStream : public KeepCodecStream {
+public:
+    int setUp(const AVCodecContext* decoder, const AVCodecParameters* input, AVRational frameRate,
+              AVRational sampleAspect, kavra::ScopedAVCodecContext* encoder, std::string* why) override;
+    int openEncoder(kavra::ScopedAVCodecContext* encoder, std::string* why) const override;
+    std::vector<uint8_t> record() const override { return mInputConfig.mergedWith(mEncoderConfig); }
+    uint32_t codecTag() const override;
+    bool isJoinPoint(const uint8_t* data, size_t size) const override;
+    bool toOutput(const uint8_t* data, size_t size, std::vector<uint8_t>* out) const override;
+
+private:
+    const AVCodecContext* mDecoder = nullptr;
+    const AVCodecParameters* mInput = nullptr;
+    AVRational mFrameRate{30, 1};
+    AVRational mSampleAspect{0, 1};
+    HevcConfig::Ids mIds{0, 0, 0};
+    HevcConfig mInputConfig;
+    HevcConfig mEncoderConfig;
+};
