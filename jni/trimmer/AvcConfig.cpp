@@ -8,6 +8,7 @@ namespace {
 constexpr int kNalSps = 7;
 constexpr int kNalPps = 8;
 constexpr int kNalIdr = 5;
+constexpr int kNalSlice = 1;
 
 }  // namespace
 
@@ -110,7 +111,11 @@ std::vector<uint8_t> AvcConfig::mergedWith(const AvcConfig& other) const {
     return out;
 }
 
-bool AvcConfig::hasIdrSlice(const uint8_t* data, size_t size, int nalLengthSize) {
+namespace {
+// Calls f(first byte) for each NAL unit of a length-prefixed packet while f
+// returns true; false when the packet is not framed as expected.
+template <typename F>
+bool forEachNalHeader(const uint8_t* data, size_t size, int nalLengthSize, F f) {
     size_t pos = 0;
     while (pos + static_cast<size_t>(nalLengthSize) < size) {
         size_t len = 0;
@@ -121,12 +126,36 @@ bool AvcConfig::hasIdrSlice(const uint8_t* data, size_t size, int nalLengthSize)
         if (len == 0 || pos + len > size) {
             return false;
         }
-        if ((data[pos] & 0x1F) == kNalIdr) {
+        if (!f(data[pos])) {
             return true;
         }
         pos += len;
     }
-    return false;
+    return pos == size;
+}
+}  // namespace
+
+bool AvcConfig::hasIdrSlice(const uint8_t* data, size_t size, int nalLengthSize) {
+    bool idr = false;
+    forEachNalHeader(data, size, nalLengthSize, [&idr](uint8_t header) {
+        idr = (header & 0x1F) == kNalIdr;
+        return !idr;
+    });
+    return idr;
+}
+
+bool AvcConfig::hasOnlyNonReferenceSlices(const uint8_t* data, size_t size, int nalLengthSize) {
+    int slices = 0;
+    bool reference = false;
+    const bool framed = forEachNalHeader(data, size, nalLengthSize, [&](uint8_t header) {
+        const int type = header & 0x1F;
+        if (type == kNalSlice || type == kNalIdr) {
+            ++slices;
+            reference = (header & 0x60) != 0;
+        }
+        return !reference;
+    });
+    return framed && slices > 0 && !reference;
 }
 
 void AvcConfig::annexBToLengthPrefixed(const uint8_t* data, size_t size, int nalLengthSize,

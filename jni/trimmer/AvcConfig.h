@@ -28,6 +28,9 @@ public:
 
     // Whether a length-prefixed packet holds a slice of an IDR picture.
     static bool hasIdrSlice(const uint8_t* data, size_t size, int nalLengthSize);
+    // Whether a length-prefixed packet holds slices and none of them is a
+    // reference (nal_ref_idc 0).
+    static bool hasOnlyNonReferenceSlices(const uint8_t* data, size_t size, int nalLengthSize);
     // The NAL units of an Annex B packet, each behind a big-endian length of
     // nalLengthSize bytes, parameter sets left out (the record carries them).
     static void annexBToLengthPrefixed(const uint8_t* data, size_t size, int nalLengthSize,

@@ -54,6 +54,10 @@ bool AvcKeepStream::isJoinPoint(const uint8_t* data, size_t size) const {
     return AvcConfig::hasIdrSlice(data, size, mInputConfig.nalLengthSize());
 }
 
+bool AvcKeepStream::isDisposable(const uint8_t* data, size_t size) const {
+    return AvcConfig::hasOnlyNonReferenceSlices(data, size, mInputConfig.nalLengthSize());
+}
+
 bool AvcKeepStream::toOutput(const uint8_t* data, size_t size, std::vector<uint8_t>* out) const {
     AvcConfig::annexBToLengthPrefixed(data, size, mInputConfig.nalLengthSize(), out);
     return true;

@@ -13,6 +13,7 @@ public:
     std::vector<uint8_t> record() const override { return mInputConfig.mergedWith(mEncoderConfig); }
     uint32_t codecTag() const override { return 0; }
     bool isJoinPoint(const uint8_t* data, size_t size) const override;
+    bool isDisposable(const uint8_t* data, size_t size) const override;
     bool toOutput(const uint8_t* data, size_t size, std::vector<uint8_t>* out) const override;
 
 private:

@@ -65,7 +65,7 @@ int H264Encoder::open(const AVCodecContext* dec, const AVCodecParameters* input,
         enc->sample_aspect_ratio = sampleAspect;
     }
     enc->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
-    av_opt_set(enc->priv_data, "preset", "veryfast", 0);
+    av_opt_set(enc->priv_data, "preset", "superfast", 0);
     av_opt_set(enc->priv_data, "profile", profile, 0);
     av_opt_set(enc->priv_data, "crf", kQuality, 0);
     char params[96];

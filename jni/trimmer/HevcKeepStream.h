@@ -14,6 +14,9 @@ public:
     std::vector<uint8_t> record() const override { return mInputConfig.mergedWith(mEncoderConfig); }
     uint32_t codecTag() const override;
     bool isJoinPoint(const uint8_t* data, size_t size) const override;
+    // Always false: a sub-layer non-reference picture may still be referred
+    // to by pictures of a higher temporal layer.
+    bool isDisposable(const uint8_t*, size_t) const override { return false; }
     bool toOutput(const uint8_t* data, size_t size, std::vector<uint8_t>* out) const override;
 
 private:

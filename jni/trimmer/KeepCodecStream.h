@@ -32,6 +32,9 @@ public:
     // Whether a copy may start at this input packet: nothing decoded from it
     // on refers to a picture before it.
     virtual bool isJoinPoint(const uint8_t* data, size_t size) const = 0;
+    // Whether no other picture refers to the picture of this input packet,
+    // so that it need not be decoded when it is not kept.
+    virtual bool isDisposable(const uint8_t* data, size_t size) const = 0;
     // An encoded packet (Annex B) as the output carries it. False when it
     // cannot be converted.
     virtual bool toOutput(const uint8_t* data, size_t size, std::vector<uint8_t>* out) const = 0;

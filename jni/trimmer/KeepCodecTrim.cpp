@@ -149,8 +149,14 @@ int KeepCodecTrim::encodeRun(int64_t low, int64_t high, int64_t stopAtKey, bool 
                 videoDone = true;
                 continue;
             }
-            ret = mReencoder.reencodePacket(p);
             mOnRead(p);
+            // A picture before the run that nothing refers to is not decoded.
+            const int64_t shown = packetTime(p);
+            if (!isKey(p) && shown != kNoTime && shown < low &&
+                mStream->isDisposable(p->data, static_cast<size_t>(p->size))) {
+                continue;
+            }
+            ret = mReencoder.reencodePacket(p);
         } else if (p->stream_index == mInput.audioIndex() && !audioDone) {
             audioDone = takeAudio(p, part);
         }
