@@ -161,6 +161,7 @@ INSTANTIATE_TEST_SUITE_P(
                   true},
         RangeCase{"h264_open_gop", "h264_open_gop.mp4", 0, 1100, 2500, run(33, 75), 43, true},
         RangeCase{"hevc_keep_between_keys", "hevc.mp4", 0, 1100, 3500, kKept, 27, true},
+        RangeCase{"hevc_keep_on_keys", "hevc.mp4", 0, 1000, 3000, run(30, 90), 0, true},
         RangeCase{"hevc_cut_on_keys", "hevc.mp4", 1, 1000, 2000, concat(run(0, 29), run(60, 299)), 0, true},
         RangeCase{"hevc_cut_between_keys", "hevc.mp4", 1, 1100, 3500, kCut, 2 + 15, true},
         // Inputs that cannot keep their codec: re-encoded in full as MPEG-4
