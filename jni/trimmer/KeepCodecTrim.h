@@ -23,8 +23,8 @@ class TrimMuxer;
 //
 // Each run of encoded frames starts with an IDR picture of its own and has
 // no B-frames; copied packets keep their order. Output presentation times
-// count frames from 0 (shifted by the input's reordering delay, which the
-// container's edit list takes off again) and decoding times count packets.
+// count frames from 0 and decoding times count packets, starting the
+// input's reordering delay before 0.
 class KeepCodecTrim : public EncodedPacketSink {
 public:
     // One piece of the input kept, as VideoTrimer reads it: frames shown in

@@ -203,9 +203,9 @@ int TrimMuxer::writeReorderedVideoPacket(AVPacket* packet, Source source, int64_
                                          int64_t delayFrames) {
     const AVRational frameDuration = av_inv_q(mFrameRate);
     const AVRational outTb = mVideo->time_base;
-    int64_t pts = av_rescale_q(presentIndex + delayFrames, frameDuration, outTb);
-    int64_t next = av_rescale_q(presentIndex + delayFrames + 1, frameDuration, outTb);
-    int64_t dts = av_rescale_q(decodeIndex, frameDuration, outTb);
+    int64_t pts = av_rescale_q(presentIndex, frameDuration, outTb);
+    int64_t next = av_rescale_q(presentIndex + 1, frameDuration, outTb);
+    int64_t dts = av_rescale_q(decodeIndex - delayFrames, frameDuration, outTb);
     int ret = writeVideo(packet, source, pts, dts, next - pts);
     if (ret >= 0) {
         mVideoEndIndex = std::max(mVideoEndIndex, presentIndex + 1);

@@ -55,9 +55,10 @@ public:
     int writeVideoPacket(AVPacket* packet, Source source);
     // Writes a video packet of a stream whose decoding order differs from
     // its presentation order: shown as the frame `presentIndex`, decoded as
-    // packet `decodeIndex`, both counted from the file's first frame. Every
-    // presentation time is shifted by `delayFrames` so that no packet is
-    // decoded after it is shown.
+    // packet `decodeIndex`, both counted from the file's first frame. The
+    // first frame is shown at 0, with the audio; decoding times run
+    // `delayFrames` behind, so that no packet is decoded after it is shown
+    // (the first ones are negative, which the container's edit list takes).
     int writeReorderedVideoPacket(AVPacket* packet, Source source, int64_t presentIndex, int64_t decodeIndex,
                                   int64_t delayFrames);
     // Writes the next audio packet (time base of the input stream; packets

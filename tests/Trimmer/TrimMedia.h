@@ -50,6 +50,7 @@ struct MediaReport {
     std::vector<int> frames;           // decoded frame indices, display order
     std::vector<std::vector<uint8_t>> pictures;  // decoded planes, display order (when asked)
     double videoSeconds = 0;           // sum of video packet durations
+    double videoStart = 0;             // when the first picture is shown (seconds, after the edit list)
     int64_t audioPackets = 0;
     double audioSeconds = 0;           // sum of audio packet durations
     double longestAudioPacket = 0;     // seconds
@@ -80,6 +81,7 @@ inline MediaReport inspectMedia(const std::string& path, bool keepPictures = fal
     report.videoCodec = st->codecpar->codec_id;
     report.frameRate = st->avg_frame_rate;
     report.rotation = StreamRotation::read(st);
+    report.videoStart = st->start_time == AV_NOPTS_VALUE ? 0 : st->start_time * av_q2d(st->time_base);
     ScopedAVPacket pkt = makeScopedAVPacket();
     while (av_read_frame(in.get(), pkt.get()) >= 0) {
         if (pkt->stream_index == video) {

@@ -96,6 +96,7 @@ TEST_P(TrimRange, KeepsExactlyTheFramesOfTheRangeAndDecodesCleanly) {
     MediaReport source = inspectMedia(fixture(c.file), c.keepCodec);
     EXPECT_EQ(m.frames, c.frames);
     EXPECT_EQ(m.rotation, source.rotation);
+    EXPECT_NEAR(m.videoStart, 0, 1e-3) << "the first picture comes with the first sound";
     EXPECT_EQ(m.frameRate.num, 30 * m.frameRate.den);
     EXPECT_NEAR(m.videoSeconds, m.frames.size() / 30.0, 1.0 / 30 + 1e-6);
     EXPECT_EQ(r.encoded, c.encoded == kAll ? static_cast<int64_t>(m.frames.size()) : c.encoded);
