@@ -78,7 +78,11 @@ jre="$root/build-arm64/jre"
 if [ ! -x "$jre/usr/lib/jvm/java-17-openjdk-arm64/bin/java" ]; then
   echo "setup: unpacking an arm64 Java run-time into $jre"
   download=$(mktemp -d)
-  chmod 755 "$download"  # apt-get downloads as its own user
+  # Run as root, apt-get downloads as its own user, which must be able to
+  # write there.
+  if [ "$(id -u)" -eq 0 ]; then
+    chown _apt "$download" 2>/dev/null || true
+  fi
   (cd "$download" && apt-get download -qq openjdk-17-jre-headless:arm64)
   mkdir -p "$jre"
   dpkg -x "$download"/openjdk-17-jre-headless_*_arm64.deb "$jre"
