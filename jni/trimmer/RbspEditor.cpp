@@ -117,7 +117,7 @@ void RbspEditor::copyRest() {
         writeBit(readBit());
     }
     size_t from = mReadPos / 8;
-    if (mFree == 0 || mFree == 8) {
+    if (mFree == 0) {
         mWritten.insert(mWritten.end(), mRbsp.begin() + static_cast<long>(from), mRbsp.end());
         mFree = 0;
         mReadPos = mRbsp.size() * 8;
