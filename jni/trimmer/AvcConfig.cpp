@@ -1,6 +1,6 @@
 #include "trimmer/AvcConfig.h"
 
-#include "trimmer/AnnexB.h"
+#include "trimmer/NalUnits.h"
 #include "trimmer/RbspEditor.h"
 
 namespace {
@@ -51,7 +51,7 @@ bool AvcConfig::parseRecord(const uint8_t* data, size_t size) {
 }
 
 bool AvcConfig::parseAnnexB(const uint8_t* data, size_t size) {
-    annexb::forEachNal(data, size, [&](const uint8_t* nal, size_t len) {
+    nalunits::forEachNal(data, size, [&](const uint8_t* nal, size_t len) {
         if (len < 2) {
             return;
         }
@@ -96,14 +96,14 @@ std::vector<uint8_t> AvcConfig::mergedWith(const AvcConfig& other) const {
     out.push_back(static_cast<uint8_t>(0xE0 | (mSps.size() + other.mSps.size())));
     for (const auto* sets : {&mSps, &other.mSps}) {
         for (const auto& s : *sets) {
-            annexb::putLength(&out, s.size(), 2);
+            nalunits::putLength(&out, s.size(), 2);
             out.insert(out.end(), s.begin(), s.end());
         }
     }
     out.push_back(static_cast<uint8_t>(mPps.size() + other.mPps.size()));
     for (const auto* sets : {&mPps, &other.mPps}) {
         for (const auto& p : *sets) {
-            annexb::putLength(&out, p.size(), 2);
+            nalunits::putLength(&out, p.size(), 2);
             out.insert(out.end(), p.begin(), p.end());
         }
     }
@@ -111,34 +111,10 @@ std::vector<uint8_t> AvcConfig::mergedWith(const AvcConfig& other) const {
     return out;
 }
 
-namespace {
-// Calls f(first byte) for each NAL unit of a length-prefixed packet while f
-// returns true; false when the packet is not framed as expected.
-template <typename F>
-bool forEachNalHeader(const uint8_t* data, size_t size, int nalLengthSize, F f) {
-    size_t pos = 0;
-    while (pos + static_cast<size_t>(nalLengthSize) < size) {
-        size_t len = 0;
-        for (int i = 0; i < nalLengthSize; ++i) {
-            len = (len << 8) | data[pos + static_cast<size_t>(i)];
-        }
-        pos += static_cast<size_t>(nalLengthSize);
-        if (len == 0 || pos + len > size) {
-            return false;
-        }
-        if (!f(data[pos])) {
-            return true;
-        }
-        pos += len;
-    }
-    return pos == size;
-}
-}  // namespace
-
 bool AvcConfig::hasIdrSlice(const uint8_t* data, size_t size, int nalLengthSize) {
     bool idr = false;
-    forEachNalHeader(data, size, nalLengthSize, [&idr](uint8_t header) {
-        idr = (header & 0x1F) == kNalIdr;
+    nalunits::forEachLengthPrefixedNal(data, size, nalLengthSize, [&idr](const uint8_t* nal) {
+        idr = (nal[0] & 0x1F) == kNalIdr;
         return !idr;
     });
     return idr;
@@ -147,11 +123,11 @@ bool AvcConfig::hasIdrSlice(const uint8_t* data, size_t size, int nalLengthSize)
 bool AvcConfig::hasOnlyNonReferenceSlices(const uint8_t* data, size_t size, int nalLengthSize) {
     int slices = 0;
     bool reference = false;
-    const bool framed = forEachNalHeader(data, size, nalLengthSize, [&](uint8_t header) {
-        const int type = header & 0x1F;
+    const bool framed = nalunits::forEachLengthPrefixedNal(data, size, nalLengthSize, [&](const uint8_t* nal) {
+        const int type = nal[0] & 0x1F;
         if (type == kNalSlice || type == kNalIdr) {
             ++slices;
-            reference = (header & 0x60) != 0;
+            reference = (nal[0] & 0x60) != 0;
         }
         return !reference;
     });
@@ -161,12 +137,12 @@ bool AvcConfig::hasOnlyNonReferenceSlices(const uint8_t* data, size_t size, int 
 void AvcConfig::annexBToLengthPrefixed(const uint8_t* data, size_t size, int nalLengthSize,
                                        std::vector<uint8_t>* out) {
     out->clear();
-    annexb::forEachNal(data, size, [&](const uint8_t* nal, size_t len) {
+    nalunits::forEachNal(data, size, [&](const uint8_t* nal, size_t len) {
         int type = len > 0 ? nal[0] & 0x1F : 0;
         if (len == 0 || type == kNalSps || type == kNalPps) {
             return;
         }
-        annexb::putLength(out, len, nalLengthSize);
+        nalunits::putLength(out, len, nalLengthSize);
         out->insert(out->end(), nal, nal + len);
     });
 }

@@ -4,15 +4,9 @@
 
 #include "trimmer/H264Encoder.h"
 
-int AvcKeepStream::setUp(const AVCodecContext* decoder, const AVCodecParameters* input, AVRational frameRate,
-                         AVRational sampleAspect, kavra::ScopedAVCodecContext* encoder, std::string* why) {
-    mDecoder = decoder;
-    mInput = input;
-    mFrameRate = frameRate;
-    mSampleAspect = sampleAspect;
-    if (!mInputConfig.parse(input->extradata, static_cast<size_t>(std::max(0, input->extradata_size))) ||
-        input->extradata[0] != 1) {
-        *why = "the H.264 stream has no configuration record";
+int AvcKeepStream::configure(kavra::ScopedAVCodecContext* encoder, std::string* why) {
+    if (!mInputConfig.parse(mInput->extradata, static_cast<size_t>(mInput->extradata_size))) {
+        *why = "the H.264 configuration record cannot be read";
         return -1;
     }
     // An id that none of the input's SPS or PPS uses (x264 gives its PPS

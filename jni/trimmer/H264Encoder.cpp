@@ -1,5 +1,7 @@
 #include "trimmer/H264Encoder.h"
 
+#include "trimmer/SameCodecEncoder.h"
+
 #include <cstdio>
 
 extern "C" {
@@ -30,41 +32,21 @@ constexpr const char* kQuality = "10";
 int H264Encoder::open(const AVCodecContext* dec, const AVCodecParameters* input, AVRational frameRate,
                       AVRational sampleAspect, int parameterSetId, kavra::ScopedAVCodecContext* encoder,
                       std::string* why) {
-    const AVCodec* codec = avcodec_find_encoder_by_name("libx264");
-    if (codec == nullptr) {
-        *why = "no H.264 encoder";
-        return -1;
-    }
     const char* profile = profileName(input->profile);
     if (profile == nullptr) {
         *why = "H.264 profile " + std::to_string(input->profile) + " cannot be encoded";
         return -1;
     }
-    encoder->reset(avcodec_alloc_context3(codec));
-    AVCodecContext* enc = encoder->get();
-    if (enc == nullptr) {
-        *why = "out of memory";
+    const AVCodec* codec = SameCodecEncoder::allocate("libx264", dec, frameRate, sampleAspect, encoder, why);
+    if (codec == nullptr) {
         return -1;
     }
-    enc->width = dec->width;
-    enc->height = dec->height;
-    enc->pix_fmt = dec->pix_fmt;
-    enc->time_base = av_inv_q(frameRate);
-    enc->framerate = frameRate;
+    AVCodecContext* enc = encoder->get();
     enc->level = input->level;
     enc->max_b_frames = 0;
     // One key frame at the start of each run: a run never outlasts the
     // input's own interval between key frames.
     enc->gop_size = 1 << 30;
-    enc->color_range = dec->color_range;
-    enc->color_primaries = dec->color_primaries;
-    enc->color_trc = dec->color_trc;
-    enc->colorspace = dec->colorspace;
-    enc->chroma_sample_location = dec->chroma_sample_location;
-    if (sampleAspect.num > 0 && sampleAspect.den > 0) {
-        enc->sample_aspect_ratio = sampleAspect;
-    }
-    enc->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
     av_opt_set(enc->priv_data, "preset", "superfast", 0);
     av_opt_set(enc->priv_data, "profile", profile, 0);
     av_opt_set(enc->priv_data, "crf", kQuality, 0);

@@ -1,5 +1,7 @@
 #include "trimmer/H265Encoder.h"
 
+#include "trimmer/SameCodecEncoder.h"
+
 #include <cstdio>
 
 extern "C" {
@@ -25,36 +27,16 @@ constexpr const char* kQuality = "12";
 
 int H265Encoder::open(const AVCodecContext* dec, const AVCodecParameters* input, AVRational frameRate,
                       AVRational sampleAspect, kavra::ScopedAVCodecContext* encoder, std::string* why) {
-    const AVCodec* codec = avcodec_find_encoder_by_name("libx265");
-    if (codec == nullptr) {
-        *why = "no HEVC encoder";
-        return -1;
-    }
     const char* profile = profileName(input->profile);
     if (profile == nullptr) {
         *why = "HEVC profile " + std::to_string(input->profile) + " cannot be encoded";
         return -1;
     }
-    encoder->reset(avcodec_alloc_context3(codec));
-    AVCodecContext* enc = encoder->get();
-    if (enc == nullptr) {
-        *why = "out of memory";
+    const AVCodec* codec = SameCodecEncoder::allocate("libx265", dec, frameRate, sampleAspect, encoder, why);
+    if (codec == nullptr) {
         return -1;
     }
-    enc->width = dec->width;
-    enc->height = dec->height;
-    enc->pix_fmt = dec->pix_fmt;
-    enc->time_base = av_inv_q(frameRate);
-    enc->framerate = frameRate;
-    enc->color_range = dec->color_range;
-    enc->color_primaries = dec->color_primaries;
-    enc->color_trc = dec->color_trc;
-    enc->colorspace = dec->colorspace;
-    enc->chroma_sample_location = dec->chroma_sample_location;
-    if (sampleAspect.num > 0 && sampleAspect.den > 0) {
-        enc->sample_aspect_ratio = sampleAspect;
-    }
-    enc->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+    AVCodecContext* enc = encoder->get();
     av_opt_set(enc->priv_data, "preset", "veryfast", 0);
     av_opt_set(enc->priv_data, "profile", profile, 0);
     av_opt_set(enc->priv_data, "crf", kQuality, 0);

@@ -1,6 +1,6 @@
 #include "trimmer/HevcConfig.h"
 
-#include "trimmer/AnnexB.h"
+#include "trimmer/NalUnits.h"
 #include "trimmer/RbspEditor.h"
 
 namespace {
@@ -130,7 +130,7 @@ bool HevcConfig::parseRecord(const uint8_t* data, size_t size) {
 }
 
 bool HevcConfig::parseAnnexB(const uint8_t* data, size_t size) {
-    annexb::forEachNal(data, size, [&](const uint8_t* nal, size_t len) {
+    nalunits::forEachNal(data, size, [&](const uint8_t* nal, size_t len) {
         if (len < 3) {
             return;
         }
@@ -183,10 +183,10 @@ std::vector<uint8_t> HevcConfig::mergedWith(const HevcConfig& other) const {
         const auto& theirs = *other.setsOf(type);
         // Complete: no parameter set of this kind comes in the packets.
         out.push_back(static_cast<uint8_t>(0x80 | type));
-        annexb::putLength(&out, mine.size() + theirs.size(), 2);
+        nalunits::putLength(&out, mine.size() + theirs.size(), 2);
         for (const auto* sets : {&mine, &theirs}) {
             for (const auto& nal : *sets) {
-                annexb::putLength(&out, nal.size(), 2);
+                nalunits::putLength(&out, nal.size(), 2);
                 out.insert(out.end(), nal.begin(), nal.end());
             }
         }
@@ -195,36 +195,25 @@ std::vector<uint8_t> HevcConfig::mergedWith(const HevcConfig& other) const {
 }
 
 bool HevcConfig::hasIdrSlice(const uint8_t* data, size_t size, int nalLengthSize) {
-    size_t pos = 0;
-    while (pos + static_cast<size_t>(nalLengthSize) < size) {
-        size_t len = 0;
-        for (int i = 0; i < nalLengthSize; ++i) {
-            len = (len << 8) | data[pos + static_cast<size_t>(i)];
-        }
-        pos += static_cast<size_t>(nalLengthSize);
-        if (len == 0 || pos + len > size) {
-            return false;
-        }
-        const int type = nalType(data + pos);
-        if (type == kIdrWithLeading || type == kIdrAlone) {
-            return true;
-        }
-        pos += len;
-    }
-    return false;
+    bool idr = false;
+    nalunits::forEachLengthPrefixedNal(data, size, nalLengthSize, [&idr](const uint8_t* nal) {
+        idr = nalType(nal) == kIdrWithLeading || nalType(nal) == kIdrAlone;
+        return !idr;
+    });
+    return idr;
 }
 
 bool HevcConfig::annexBToLengthPrefixed(const uint8_t* data, size_t size, int nalLengthSize, int ppsId,
                                         std::vector<uint8_t>* out) {
     out->clear();
     bool ok = true;
-    annexb::forEachNal(data, size, [&](const uint8_t* nal, size_t len) {
+    nalunits::forEachNal(data, size, [&](const uint8_t* nal, size_t len) {
         const int type = len >= 2 ? nalType(nal) : -1;
         if (type < 0 || type == kVps || type == kSps || type == kPps) {
             return;
         }
         if (type > kLastSlice) {
-            annexb::putLength(out, len, nalLengthSize);
+            nalunits::putLength(out, len, nalLengthSize);
             out->insert(out->end(), nal, nal + len);
             return;
         }
@@ -239,7 +228,7 @@ bool HevcConfig::annexBToLengthPrefixed(const uint8_t* data, size_t size, int na
             ok = false;
             return;
         }
-        annexb::putLength(out, edited.size(), nalLengthSize);
+        nalunits::putLength(out, edited.size(), nalLengthSize);
         out->insert(out->end(), edited.begin(), edited.end());
     });
     return ok;

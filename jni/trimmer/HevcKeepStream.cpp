@@ -20,15 +20,9 @@ bool readable(const std::vector<int>& ids) { return std::find(ids.begin(), ids.e
 
 }  // namespace
 
-int HevcKeepStream::setUp(const AVCodecContext* decoder, const AVCodecParameters* input, AVRational frameRate,
-                          AVRational sampleAspect, kavra::ScopedAVCodecContext* encoder, std::string* why) {
-    mDecoder = decoder;
-    mInput = input;
-    mFrameRate = frameRate;
-    mSampleAspect = sampleAspect;
-    if (!mInputConfig.parse(input->extradata, static_cast<size_t>(std::max(0, input->extradata_size))) ||
-        input->extradata[0] != 1) {
-        *why = "the HEVC stream has no configuration record";
+int HevcKeepStream::configure(kavra::ScopedAVCodecContext* encoder, std::string* why) {
+    if (!mInputConfig.parse(mInput->extradata, static_cast<size_t>(mInput->extradata_size))) {
+        *why = "the HEVC configuration record cannot be read";
         return -1;
     }
     const std::vector<int> vps = mInputConfig.ids(HevcConfig::kVps);

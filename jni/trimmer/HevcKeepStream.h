@@ -8,8 +8,6 @@
 // pictures.
 class HevcKeepStream : public KeepCodecStream {
 public:
-    int setUp(const AVCodecContext* decoder, const AVCodecParameters* input, AVRational frameRate,
-              AVRational sampleAspect, kavra::ScopedAVCodecContext* encoder, std::string* why) override;
     int openEncoder(kavra::ScopedAVCodecContext* encoder, std::string* why) const override;
     std::vector<uint8_t> record() const override { return mInputConfig.mergedWith(mEncoderConfig); }
     uint32_t codecTag() const override;
@@ -20,10 +18,8 @@ public:
     bool toOutput(const uint8_t* data, size_t size, std::vector<uint8_t>* out) const override;
 
 private:
-    const AVCodecContext* mDecoder = nullptr;
-    const AVCodecParameters* mInput = nullptr;
-    AVRational mFrameRate{30, 1};
-    AVRational mSampleAspect{0, 1};
+    int configure(kavra::ScopedAVCodecContext* encoder, std::string* why) override;
+
     HevcConfig::Ids mIds{0, 0, 0};
     HevcConfig mInputConfig;
     HevcConfig mEncoderConfig;

@@ -21,8 +21,8 @@ public:
 
     // Reads the input's record, chooses the encoder's ids and opens a first
     // encoder. 0, or -1 with the reason in *why.
-    virtual int setUp(const AVCodecContext* decoder, const AVCodecParameters* input, AVRational frameRate,
-                      AVRational sampleAspect, kavra::ScopedAVCodecContext* encoder, std::string* why) = 0;
+    int setUp(const AVCodecContext* decoder, const AVCodecParameters* input, AVRational frameRate,
+              AVRational sampleAspect, kavra::ScopedAVCodecContext* encoder, std::string* why);
     // Opens another encoder like the first.
     virtual int openEncoder(kavra::ScopedAVCodecContext* encoder, std::string* why) const = 0;
     // The output's record: the input's parameter sets, then the encoder's.
@@ -38,4 +38,14 @@ public:
     // An encoded packet (Annex B) as the output carries it. False when it
     // cannot be converted.
     virtual bool toOutput(const uint8_t* data, size_t size, std::vector<uint8_t>* out) const = 0;
+
+protected:
+    // setUp's work once the input is known: the input's record is
+    // input->extradata.
+    virtual int configure(kavra::ScopedAVCodecContext* encoder, std::string* why) = 0;
+
+    const AVCodecContext* mDecoder = nullptr;
+    const AVCodecParameters* mInput = nullptr;
+    AVRational mFrameRate{30, 1};
+    AVRational mSampleAspect{0, 1};
 };

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "trimmer/AnnexB.h"
+#include "trimmer/NalUnits.h"
 #include "trimmer/TrimInput.h"
 #include "trimmer/TrimLog.h"
 #include "trimmer/TrimMuxer.h"
@@ -240,7 +240,7 @@ bool KeepCodecTrim::takeAudio(AVPacket* p, const Part& part) {
 
 int KeepCodecTrim::writeEncodedPacket(AVPacket* packet) {
     AVPacket* out = packet;
-    if (annexb::startsWithStartCode(packet->data, static_cast<size_t>(std::max(0, packet->size)))) {
+    if (nalunits::startsWithStartCode(packet->data, static_cast<size_t>(std::max(0, packet->size)))) {
         if (!mStream->toOutput(packet->data, static_cast<size_t>(packet->size), &mNalBuffer)) {
             ALOGE("keep codec: an encoded packet cannot be written beside the copied ones");
             return AVERROR_INVALIDDATA;
