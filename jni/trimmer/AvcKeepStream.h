@@ -12,6 +12,10 @@ public:
     uint32_t codecTag() const override { return 0; }
     bool isJoinPoint(const uint8_t* data, size_t size) const override;
     bool isDisposable(const uint8_t* data, size_t size) const override;
+    // An IDR picture has no leading pictures and needs no mark.
+    bool mayLead(const uint8_t*, size_t) const override { return false; }
+    bool isLeading(const uint8_t*, size_t) const override { return false; }
+    int markJoin(AVPacket*) const override { return 0; }
     bool toOutput(const uint8_t* data, size_t size, std::vector<uint8_t>* out) const override;
 
 private:

@@ -6,8 +6,7 @@
 namespace {
 
 constexpr size_t kGeneralBytes = 22;  // a record's fields before its arrays
-constexpr int kIdrWithLeading = 19;
-constexpr int kIdrAlone = 20;
+constexpr int kBlaWithLeading = 16;
 constexpr int kFirstIrap = 16;
 constexpr int kLastIrap = 23;
 constexpr int kLastSlice = 31;
@@ -194,13 +193,22 @@ std::vector<uint8_t> HevcConfig::mergedWith(const HevcConfig& other) const {
     return out;
 }
 
-bool HevcConfig::hasIdrSlice(const uint8_t* data, size_t size, int nalLengthSize) {
-    bool idr = false;
-    nalunits::forEachLengthPrefixedNal(data, size, nalLengthSize, [&idr](const uint8_t* nal) {
-        idr = nalType(nal) == kIdrWithLeading || nalType(nal) == kIdrAlone;
-        return !idr;
+int HevcConfig::firstSliceType(const uint8_t* data, size_t size, int nalLengthSize) {
+    int type = -1;
+    nalunits::forEachLengthPrefixedNal(data, size, nalLengthSize, [&type](const uint8_t* nal) {
+        type = nalType(nal) <= kLastSlice ? nalType(nal) : -1;
+        return type < 0;
     });
-    return idr;
+    return type;
+}
+
+bool HevcConfig::craToBla(uint8_t* data, size_t size, int nalLengthSize) {
+    return nalunits::forEachLengthPrefixedNal(data, size, nalLengthSize, [](uint8_t* nal) {
+        if (nalType(nal) == kCra) {
+            nal[0] = static_cast<uint8_t>((nal[0] & 0x81) | (kBlaWithLeading << 1));
+        }
+        return true;
+    });
 }
 
 bool HevcConfig::annexBToLengthPrefixed(const uint8_t* data, size_t size, int nalLengthSize, int ppsId,

@@ -38,8 +38,21 @@ public:
     // own parameter sets followed by the other's.
     std::vector<uint8_t> mergedWith(const HevcConfig& other) const;
 
-    // Whether a length-prefixed packet holds a slice of an IDR picture.
-    static bool hasIdrSlice(const uint8_t* data, size_t size, int nalLengthSize);
+    static constexpr int kCra = 21;
+
+    // The NAL unit type of the first slice of a length-prefixed packet, or
+    // -1 when it has none.
+    static int firstSliceType(const uint8_t* data, size_t size, int nalLengthSize);
+    // Random access points: BLA, IDR and CRA pictures.
+    static bool isIrap(int type) { return type >= 16 && type <= 21; }
+    // Random access points that may have leading pictures.
+    static bool mayLead(int type) { return type == 16 || type == 17 || type == 19 || type == kCra; }
+    // RADL and RASL pictures.
+    static bool isLeading(int type) { return type >= 6 && type <= 9; }
+    // Turns the CRA slices of a length-prefixed packet into BLA slices that
+    // may have leading pictures (BLA_W_LP): a decoder then drops the RASL
+    // pictures that follow. False when the packet is not framed as expected.
+    static bool craToBla(uint8_t* data, size_t size, int nalLengthSize);
     // The NAL units of an Annex B packet, each behind a big-endian length of
     // nalLengthSize bytes, parameter sets left out (the record carries them)
     // and every slice referring to picture parameter set `ppsId` instead of

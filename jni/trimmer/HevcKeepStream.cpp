@@ -63,7 +63,28 @@ uint32_t HevcKeepStream::codecTag() const {
 }
 
 bool HevcKeepStream::isJoinPoint(const uint8_t* data, size_t size) const {
-    return HevcConfig::hasIdrSlice(data, size, mInputConfig.nalLengthSize());
+    return HevcConfig::isIrap(HevcConfig::firstSliceType(data, size, mInputConfig.nalLengthSize()));
+}
+
+bool HevcKeepStream::mayLead(const uint8_t* data, size_t size) const {
+    return HevcConfig::mayLead(HevcConfig::firstSliceType(data, size, mInputConfig.nalLengthSize()));
+}
+
+bool HevcKeepStream::isLeading(const uint8_t* data, size_t size) const {
+    return HevcConfig::isLeading(HevcConfig::firstSliceType(data, size, mInputConfig.nalLengthSize()));
+}
+
+int HevcKeepStream::markJoin(AVPacket* packet) const {
+    if (HevcConfig::firstSliceType(packet->data, static_cast<size_t>(packet->size), mInputConfig.nalLengthSize()) !=
+        HevcConfig::kCra) {
+        return 0;
+    }
+    int ret = av_packet_make_writable(packet);
+    if (ret < 0) {
+        return ret;
+    }
+    return HevcConfig::craToBla(packet->data, static_cast<size_t>(packet->size), mInputConfig.nalLengthSize()) ? 0
+                                                                                                           : -1;
 }
 
 bool HevcKeepStream::toOutput(const uint8_t* data, size_t size, std::vector<uint8_t>* out) const {

@@ -32,6 +32,14 @@ public:
     // Whether a copy may start at this input packet: nothing decoded from it
     // on refers to a picture before it.
     virtual bool isJoinPoint(const uint8_t* data, size_t size) const = 0;
+    // Whether pictures shown before this key picture may follow it in
+    // decoding order (leading pictures).
+    virtual bool mayLead(const uint8_t* data, size_t size) const = 0;
+    // Whether this input packet holds a leading picture.
+    virtual bool isLeading(const uint8_t* data, size_t size) const = 0;
+    // Prepares the key picture a copy starts at to follow other pictures
+    // (the packet may be changed). 0, or negative on failure.
+    virtual int markJoin(AVPacket* packet) const = 0;
     // Whether no other picture refers to the picture of this input packet,
     // so that it need not be decoded when it is not kept.
     virtual bool isDisposable(const uint8_t* data, size_t size) const = 0;

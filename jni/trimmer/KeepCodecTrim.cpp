@@ -133,6 +133,7 @@ int KeepCodecTrim::encodeRun(int64_t low, int64_t high, int64_t stopAtKey, bool 
     bool videoDone = false;
     bool audioDone = mInput.audioIndex() < 0;
     bool seenKey = false;
+    bool pastStop = false;
     int ret = 0;
     while (!(videoDone && (audioDone || !last)) && ret >= 0) {
         if (mInput.readPacket() < 0) {
@@ -144,11 +145,18 @@ int KeepCodecTrim::encodeRun(int64_t low, int64_t high, int64_t stopAtKey, bool 
                 continue;
             }
             seenKey = true;
-            int64_t order = packetOrder(p);
-            if ((stopAtKey != kNoTime && isKey(p) && packetTime(p) >= stopAtKey) || (order != kNoTime && order > high)) {
+            const int64_t order = packetOrder(p);
+            const bool atStop = stopAtKey != kNoTime && isKey(p) && packetTime(p) >= stopAtKey;
+            const size_t size = static_cast<size_t>(p->size);
+            // Pictures shown before the key picture the copy starts at but
+            // decoded after it (leading pictures) are not copied: they are
+            // re-encoded here, so the key picture is decoded for them.
+            if (pastStop ? !mStream->isLeading(p->data, size)
+                         : (atStop ? !mStream->mayLead(p->data, size) : order != kNoTime && order > high)) {
                 videoDone = true;
                 continue;
             }
+            pastStop = pastStop || atStop;
             mOnRead(p);
             // A picture before the run that nothing refers to is not decoded.
             const int64_t shown = packetTime(p);
@@ -173,6 +181,7 @@ int64_t KeepCodecTrim::copyRun(int64_t key, const Part& part, bool* tailNeeded) 
     int64_t last = kNoTime;
     int64_t copied = 0;
     bool reachedKey = false;
+    bool leading = false;
     bool videoDone = false;
     bool audioDone = mInput.audioIndex() < 0;
     while (!(videoDone && audioDone) && !*tailNeeded) {
@@ -189,7 +198,20 @@ int64_t KeepCodecTrim::copyRun(int64_t key, const Part& part, bool* tailNeeded) 
             if (!reachedKey && !(isKey(p) && t == key)) {
                 continue;
             }
-            reachedKey = true;
+            if (!reachedKey) {
+                // The key picture's leading pictures are left out (they were
+                // re-encoded, or are shown before the part), and the key
+                // picture tells the decoder so.
+                reachedKey = true;
+                leading = true;
+                if (mStream->markJoin(p) < 0) {
+                    ALOGE("keep codec: the key picture a copy starts at cannot be marked");
+                }
+            } else if (leading && mStream->isLeading(p->data, static_cast<size_t>(p->size))) {
+                continue;
+            } else {
+                leading = false;
+            }
             if (t > part.videoHigh) {
                 // This picture and everything decoded after it lies beyond
                 // the part, or depends on what does: frames of the part not

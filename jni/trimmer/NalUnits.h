@@ -38,8 +38,8 @@ void forEachNal(const uint8_t* data, size_t size, F f) {
 // Calls f(unit) for each NAL unit of a packet in MP4 form, lengths of
 // nalLengthSize bytes, while f returns true. False when the packet is not
 // framed that way.
-template <typename F>
-bool forEachLengthPrefixedNal(const uint8_t* data, size_t size, int nalLengthSize, F f) {
+template <typename Byte, typename F>
+bool forEachLengthPrefixedNal(Byte* data, size_t size, int nalLengthSize, F f) {
     size_t pos = 0;
     while (pos + static_cast<size_t>(nalLengthSize) < size) {
         size_t len = 0;

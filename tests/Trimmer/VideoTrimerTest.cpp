@@ -62,8 +62,8 @@ void expectAudioMatchesVideo(const MediaReport& m) {
 
 // ---------------------------------------------------------------------------
 // Keep and cut on every kind of input, at the ends of the file, and with the
-// input's video codec kept. Key frames every 30 frames; in the open-GOP clip
-// only the first is an IDR picture. Inputs that cannot keep their codec fall
+// input's video codec kept. Key frames every 30 frames; in the H.264
+// open-GOP clip only the first is an IDR picture. Inputs that cannot keep their codec fall
 // back to MPEG-4 and say why.
 
 constexpr int64_t kAll = -1;  // every frame re-encoded
@@ -165,6 +165,9 @@ INSTANTIATE_TEST_SUITE_P(
         RangeCase{"hevc_keep_on_keys", "hevc.mp4", 0, 1000, 3000, run(30, 90), 0, true},
         RangeCase{"hevc_cut_on_keys", "hevc.mp4", 1, 1000, 2000, concat(run(0, 29), run(60, 299)), 0, true},
         RangeCase{"hevc_cut_between_keys", "hevc.mp4", 1, 1100, 3500, kCut, 2 + 15, true},
+        // CRA pictures joined to as BLA pictures, without their RASL pictures.
+        RangeCase{"hevc_open_gop_keep", "hevc_open_gop.mp4", 0, 1100, 3500, kKept, 27, true},
+        RangeCase{"hevc_open_gop_cut", "hevc_open_gop.mp4", 1, 1100, 3500, kCut, 2 + 15, true},
         // Inputs that cannot keep their codec: re-encoded in full as MPEG-4
         // (these are the keep runs of MPEG-4 with B-frames and of VP9 too).
         RangeCase{"mpeg4_bframes", "mpeg4_bframes.mp4", 0, 1100, 3500, kKept, kAll, true, "mpeg4 input"},
