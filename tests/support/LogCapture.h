@@ -1,10 +1,15 @@
 #pragma once
 
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
 
 namespace kavra::test {
+
+// Polls `done` every millisecond until it holds; false when `timeoutMs`
+// passed first.
+bool eventually(const std::function<bool()>& done, int timeoutMs);
 
 // What __android_log_assert raises inside tests instead of ending the
 // process. It is thrown by the aborter on the asserting thread, so a test
@@ -19,7 +24,7 @@ class LogCapture {
 public:
     struct Line {
         int priority;
-        std::string tag;  // empty for lines written without a tag
+        std::string tag;
         std::string message;
     };
 
