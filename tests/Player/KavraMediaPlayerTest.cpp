@@ -9,7 +9,6 @@
 #include <array>
 #include <chrono>
 #include <cmath>
-#include <condition_variable>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
@@ -100,16 +99,6 @@ private:
     mutable std::mutex mMutex;
     std::vector<int16_t> mLeft;
 };
-
-// The engine's last log lines, for failure messages.
-std::string logTail(const LogCapture& log) {
-    std::vector<LogCapture::Line> lines = log.lines();
-    std::string out;
-    for (size_t i = lines.size() > 40 ? lines.size() - 40 : 0; i < lines.size(); ++i) {
-        out += "\n" + lines[i].tag + ": " + lines[i].message;
-    }
-    return out;
-}
 
 // Tone frequency in Hz from the zero crossings of a stretch of samples.
 double frequency(const std::vector<int16_t>& s) {
@@ -319,7 +308,7 @@ TEST_P(Seek, ShowsTheFrameAtTheTarget) {
     // Pictures already on their way when seekTo returned (at most one
     // staged in the renderer and one in the render thread's hands) may be
     // shown first; then the target, then playback goes on from it.
-    ASSERT_TRUE(s.waitQueued(called + 4)) << ::testing::PrintToString(s.frames(before)) << logTail(log);
+    ASSERT_TRUE(s.waitQueued(called + 4)) << ::testing::PrintToString(s.frames(before));
     const std::vector<int> after = s.frames(before);
     const size_t at = std::find(after.begin(), after.end(), expected) - after.begin();
     ASSERT_LE(at, called - before + 2) << ::testing::PrintToString(after);

@@ -17,7 +17,7 @@ std::atomic<LogCapture*> gActive{nullptr};
 void captureLogger(const struct __android_logger_data* data, const char* message) {
     LogCapture* capture = gActive.load();
     if (capture != nullptr) {
-        capture->append(data->priority, data->tag, message);
+        capture->append(data->tag, message);
     } else if (getenv("KAVRA_TEST_LOG") != nullptr) {
         fprintf(stderr, "[%d] %s: %s\n", data->priority, data->tag != nullptr ? data->tag : "", message);
     }
@@ -86,21 +86,17 @@ bool LogCapture::waitForEndedThreads(size_t count, int timeoutMs) const {
     return eventually([&] { return endedThreadAssertions().size() >= count; }, timeoutMs);
 }
 
-void LogCapture::append(int priority, const char* tag, const char* message) {
+void LogCapture::append(const char* tag, const char* message) {
     std::lock_guard<std::mutex> lock(mMutex);
-    mLines.push_back(Line{priority, tag != nullptr ? tag : "", message != nullptr ? message : ""});
-}
-
-std::vector<LogCapture::Line> LogCapture::lines() const {
-    std::lock_guard<std::mutex> lock(mMutex);
-    return mLines;
+    mLines.emplace_back(tag != nullptr ? tag : "", message != nullptr ? message : "");
 }
 
 std::vector<std::string> LogCapture::messages(const std::string& tag) const {
+    std::lock_guard<std::mutex> lock(mMutex);
     std::vector<std::string> out;
-    for (const Line& l : lines()) {
-        if (l.tag == tag) {
-            out.push_back(l.message);
+    for (const auto& [lineTag, message] : mLines) {
+        if (lineTag == tag) {
+            out.push_back(message);
         }
     }
     return out;
