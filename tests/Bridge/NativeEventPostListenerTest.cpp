@@ -15,12 +15,6 @@
 namespace kavra::test {
 namespace {
 
-// Whether the calling thread is attached to the virtual machine.
-bool attached() {
-    JNIEnv* e = nullptr;
-    return javaVM()->GetEnv(reinterpret_cast<void**>(&e), JNI_VERSION_1_6) == JNI_OK;
-}
-
 class NativeEventPostListenerTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -64,7 +58,7 @@ TEST_F(NativeEventPostListenerTest, NativeThreadsAreAttachedForEachCallAndDetach
     bool attachedAfter[3] = {true, true, true};
     auto call = [&](int i) {
         listener->notify(100 + i, i, 0);
-        attachedAfter[i] = attached();
+        attachedAfter[i] = attachedToJvm();
     };
     std::thread first(call, 0);
     std::thread second(call, 1);
@@ -75,7 +69,7 @@ TEST_F(NativeEventPostListenerTest, NativeThreadsAreAttachedForEachCallAndDetach
     EXPECT_EQ(read("whatSum"), 201);
     std::thread last([&] {
         listener.reset();
-        attachedAfter[2] = attached();
+        attachedAfter[2] = attachedToJvm();
     });
     last.join();
     EXPECT_FALSE(attachedAfter[0]);
@@ -95,7 +89,7 @@ TEST_F(NativeEventPostListenerTest, AnAttachedThreadStaysAttachedAndTheHandlersE
         listener->notify(-1, 0, 0);  // EventRecorder.THROW
         pending = own->ExceptionCheck();
         listener->notify(3, 0, 0);
-        attachedAfter = attached();
+        attachedAfter = attachedToJvm();
         javaVM()->DetachCurrentThread();
     });
     t.join();

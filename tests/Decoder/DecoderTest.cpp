@@ -11,6 +11,7 @@
 #include "Decoder/DecoderTestSupport.h"
 #include "Decoder/FFmpegDecoder.h"
 #include "Decoder/MediaCodecVideoDecoder.h"
+#include "support/Ffprobe.h"
 #include "support/LogCapture.h"
 
 namespace kavra::test {
@@ -35,7 +36,7 @@ TEST_P(FFmpegDecoderStream, DecodesTheWholeStreamInOrder) {
     bool video = c.kind[0] == 'v';
     std::string path = fixture(c.file);
     // ffprobe counts the first stream of the kind, or the one asked for.
-    int expected = c.stream < 0 ? probeFrameCount(path, c.kind) : probeFrameCount(path, std::to_string(c.stream).c_str(), true);
+    int expected = probeFrameCount(path, c.stream < 0 ? std::string(c.kind) + ":0" : std::to_string(c.stream));
     ASSERT_GT(expected, 0) << "ffprobe found no frames";
     OpenedMedia media;
     ASSERT_TRUE(media.open(path));

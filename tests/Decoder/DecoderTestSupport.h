@@ -1,7 +1,7 @@
 #pragma once
 
 // Helpers shared by the decoding tests: a file opened and fed to a decoder,
-// an output queue drained on its own thread, ffprobe counts, picture hashes.
+// an output queue drained on its own thread, picture hashes.
 
 #include <gtest/gtest.h>
 
@@ -26,22 +26,8 @@ extern "C" {
 #include "Source/FFmpegMediaExtractor.h"
 #include "support/Fixtures.h"
 #include "support/FrameIndex.h"
-#include "support/Process.h"
 
 namespace kavra::test {
-
-// What ffprobe counts when it decodes the first stream of a kind ("v" or
-// "a"), or with `byIndex` the stream of that index ("2"); -1 when it
-// reports nothing.
-inline int probeFrameCount(const std::string& path, const char* kind, bool byIndex = false) {
-    CommandResult r = runCommand(std::string("ffprobe -v error -count_frames -select_streams ") + kind +
-                                 (byIndex ? "" : ":0") + " -show_entries stream=nb_read_frames -of csv=p=0 " +
-                                 shellQuote(path));
-    if (r.status != 0 || r.output.empty()) {
-        return -1;
-    }
-    return std::stoi(r.output);
-}
 
 // FNV-1a over the visible bytes of a YUV 4:2:0 picture, plane by plane.
 inline uint64_t hashPicture(const uint8_t* const data[], const int linesize[], int width, int height) {
@@ -257,18 +243,6 @@ inline std::vector<DecodedFrame> decodeStream(Decoder& decoder, const std::strin
     EXPECT_EQ(out.afterEnd(), 0) << "nothing may follow the end-of-stream record";
     decoder.stop();
     return out.frames();
-}
-
-// Waits (bounded) until the condition holds.
-inline bool eventually(const std::function<bool()>& condition, int timeoutMs) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
 }
 
 }  // namespace kavra::test

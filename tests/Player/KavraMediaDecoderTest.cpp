@@ -1,6 +1,7 @@
-// The demux pipeline on real media with the real decoders: every packet to
-// its decoder, end of stream, seeks against a blocked read and a held
-// frame, prompt stops and the choice of decoder.
+// The demux pipeline on real media with the real decoders: seeks against a
+// blocked read and a held frame, prompt stops and the choice of decoder.
+// (Every packet to its decoder and the ends of the streams are checked
+// through the decode command and the player.)
 
 #include <gtest/gtest.h>
 
@@ -19,7 +20,6 @@
 #include <thread>
 #include <vector>
 
-#include "Decoder/DecoderTestSupport.h"
 #include "Decoder/FFmpegDecoder.h"
 #include "Decoder/MediaCodecVideoDecoder.h"
 #include "Player/KavraMediaDecoder.h"
@@ -33,14 +33,6 @@ namespace {
 
 const char* const kTag = "KavraMediaDecoder";
 constexpr int kWaitMs = 60000;
-
-// Drains one decoder output queue on its own thread, as a render thread
-// does, and records what came out.
-std::unique_ptr<OutputCollector> drain(FrameBufferQueue* queue) {
-    auto collector = std::make_unique<OutputCollector>(queue);
-    collector->start();
-    return collector;
-}
 
 // Opens, probes, selects the best streams and starts a pipeline.
 void open(KavraMediaDecoder& decoder, const std::string& path, bool start = true) {
@@ -56,69 +48,6 @@ void open(KavraMediaDecoder& decoder, const std::string& path, bool start = true
         ASSERT_EQ(decoder.start(), 0);
     }
 }
-
-struct MediaCase {
-    const char* file;
-    bool video;
-    bool audio;
-};
-
-class KavraMediaDecoderMedia : public ::testing::TestWithParam<MediaCase> {};
-
-TEST_P(KavraMediaDecoderMedia, DemuxesEveryPacketToItsDecoderAndEndsBothStreams) {
-    const MediaCase& c = GetParam();
-    const std::string path = fixture(c.file);
-    LogCapture log;
-    KavraMediaDecoder decoder;
-    open(decoder, path, false);
-    ASSERT_EQ(decoder.getVideoOutputQueue() != nullptr, c.video);
-    ASSERT_EQ(decoder.getAudioOutputQueue() != nullptr, c.audio);
-    std::unique_ptr<OutputCollector> video;
-    std::unique_ptr<OutputCollector> audio;
-    if (c.video) {
-        video = drain(decoder.getVideoOutputQueue());
-    }
-    if (c.audio) {
-        audio = drain(decoder.getAudioOutputQueue());
-    }
-    ASSERT_EQ(decoder.start(), 0);
-
-    if (c.video) {
-        ASSERT_TRUE(video->waitForEnd(kWaitMs, 1)) << "no video end of stream";
-        std::vector<DecodedFrame> frames = video->frames();
-        EXPECT_EQ(static_cast<int>(frames.size()), probeFrameCount(path, "v"));
-        for (size_t i = 0; i < frames.size(); ++i) {
-            if (frames[i].index != static_cast<int>(i)) {
-                ADD_FAILURE() << "video frame " << i << " shows index " << frames[i].index;
-                break;
-            }
-        }
-    }
-    if (c.audio) {
-        ASSERT_TRUE(audio->waitForEnd(kWaitMs, 1)) << "no audio end of stream";
-        EXPECT_EQ(static_cast<int>(audio->frames().size()), probeFrameCount(path, "a"));
-    }
-    ASSERT_TRUE(log.waitFor(kTag, "Mux end.", kWaitMs));
-    EXPECT_EQ(log.count(kTag, "Mux end."), 1);
-    EXPECT_EQ(decoder.stop(), 0);
-    if (video) {
-        video->finish();
-        EXPECT_EQ(video->ends(), 1);
-    }
-    if (audio) {
-        audio->finish();
-        EXPECT_EQ(audio->ends(), 1);
-    }
-    EXPECT_EQ(decoder.release(), 0);
-    EXPECT_EQ(decoder.release(), 0) << "release twice is harmless";
-}
-
-INSTANTIATE_TEST_SUITE_P(Media, KavraMediaDecoderMedia,
-                         ::testing::Values(MediaCase{"h264_aac.mp4", true, true},
-                                           // Subtitle packets are dropped and freed.
-                                           MediaCase{"with_subtitle.mp4", true, true},
-                                           MediaCase{"video_only.mp4", true, false},
-                                           MediaCase{"audio_only.m4a", false, true}));
 
 TEST(KavraMediaDecoder, PicksTheHardwareDecoderForH264Only) {
     struct Case {

@@ -9,7 +9,6 @@
 #include <array>
 #include <chrono>
 #include <cmath>
-#include <condition_variable>
 #include <cstdlib>
 #include <memory>
 #include <mutex>
@@ -36,19 +35,6 @@ using P = KavraMediaPlayer;
 constexpr int kWaitMs = 30000;
 constexpr int kRate = 44100;
 
-// Polls `done` until it holds; false when kWaitMs passed first.
-template <typename F>
-bool eventually(F done) {
-    const Clock::time_point end = Clock::now() + std::chrono::milliseconds(kWaitMs);
-    while (!done()) {
-        if (Clock::now() > end) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
-
 using Event = std::array<int, 3>;  // what, arg1, arg2
 
 class Events : public NativeEventPostListener {
@@ -65,7 +51,7 @@ public:
         std::vector<Event> e = all();
         return static_cast<int>(std::count_if(e.begin(), e.end(), [&](const Event& x) { return x[0] == what; }));
     }
-    bool waitFor(int what, int n) const { return eventually([&] { return count(what) >= n; }); }
+    bool waitFor(int what, int n) const { return eventually([&] { return count(what) >= n; }, kWaitMs); }
 
 private:
     mutable std::mutex mMutex;
@@ -99,12 +85,12 @@ public:
     }
     // `count` samples from `first` on; waits (bounded) until they came.
     std::vector<int16_t> from(size_t first, size_t count) const {
-        eventually([&] { return size() >= first + count; });
+        eventually([&] { return size() >= first + count; }, kWaitMs);
         std::lock_guard<std::mutex> lock(mMutex);
         count = std::min(count, mLeft.size() - std::min(first, mLeft.size()));
         return std::vector<int16_t>(mLeft.begin() + first, mLeft.begin() + first + count);
     }
-    bool waitFor(size_t n) const { return eventually([&] { return size() >= n; }); }
+    bool waitFor(size_t n) const { return eventually([&] { return size() >= n; }, kWaitMs); }
 
 private:
     const int mChannels;
@@ -113,16 +99,6 @@ private:
     mutable std::mutex mMutex;
     std::vector<int16_t> mLeft;
 };
-
-// The engine's last log lines, for failure messages.
-std::string logTail(const LogCapture& log) {
-    std::vector<LogCapture::Line> lines = log.lines();
-    std::string out;
-    for (size_t i = lines.size() > 40 ? lines.size() - 40 : 0; i < lines.size(); ++i) {
-        out += "\n" + lines[i].tag + ": " + lines[i].message;
-    }
-    return out;
-}
 
 // Tone frequency in Hz from the zero crossings of a stretch of samples.
 double frequency(const std::vector<int16_t>& s) {
@@ -191,7 +167,8 @@ struct Session {
     // frame `index` (the seek's picture reaches the window a moment after
     // the seek is done). With a wrong picture this runs into its bound.
     bool shows(int index) const {
-        return eventually([&] { return !player.isSeekPending() && queued() > 0 && frameAt(queued() - 1) == index; });
+        return eventually([&] { return !player.isSeekPending() && queued() > 0 && frameAt(queued() - 1) == index; },
+                          kWaitMs);
     }
     // Nothing more reaches the window for a while.
     bool stays() const { return !window->waitForQueued(queued() + 1, 100); }
@@ -245,15 +222,8 @@ TEST_P(PlayToEnd, EveryFrameOnceInOrderAndAgainAfterStop) {
     EXPECT_EQ(s.events->count(P::MEDIA_PLAYBACK_COMPLETE), 2);
 }
 
-// A test name from a fixture name: "late_start.ts" gives "latestart".
-std::string caseName(std::string file) {
-    file = file.substr(0, file.find('.'));
-    file.erase(std::remove(file.begin(), file.end(), '_'), file.end());
-    return file;
-}
-
 INSTANTIATE_TEST_SUITE_P(Player, PlayToEnd, ::testing::Values("short_h264_aac.mp4", "short_video_only.mp4"),
-                         [](const auto& info) { return caseName(info.param); });
+                         FixtureName());
 
 TEST(KavraMediaPlayer, LoopingTwicePlaysThreePassesAndCompletesOnce) {
     Session s("short_h264_aac.mp4", 4.0, true);
@@ -333,12 +303,12 @@ TEST_P(Seek, ShowsTheFrameAtTheTarget) {
         EXPECT_EQ(s.player.getStatus(), P::MEDIA_PLAYER_PAUSED);
         return;
     }
-    ASSERT_TRUE(eventually([&] { return !s.player.isSeekPending(); }));
+    ASSERT_TRUE(eventually([&] { return !s.player.isSeekPending(); }, kWaitMs));
     const int seeks = log.count("KavraMediaDecoder", "seekStart");
     // Pictures already on their way when seekTo returned (at most one
     // staged in the renderer and one in the render thread's hands) may be
     // shown first; then the target, then playback goes on from it.
-    ASSERT_TRUE(s.waitQueued(called + 4)) << ::testing::PrintToString(s.frames(before)) << logTail(log);
+    ASSERT_TRUE(s.waitQueued(called + 4)) << ::testing::PrintToString(s.frames(before));
     const std::vector<int> after = s.frames(before);
     const size_t at = std::find(after.begin(), after.end(), expected) - after.begin();
     ASSERT_LE(at, called - before + 2) << ::testing::PrintToString(after);
@@ -367,7 +337,7 @@ std::vector<SeekCase> seekCases() {
 
 std::string seekName(const ::testing::TestParamInfo<SeekCase>& info) {
     static const char* const moves[] = {"Forward", "FarForward", "Backward", "Paused", "TwoQuick"};
-    return caseName(info.param.file) + moves[static_cast<int>(info.param.move)];
+    return testName(info.param.file) + "_" + moves[static_cast<int>(info.param.move)];
 }
 
 INSTANTIATE_TEST_SUITE_P(Player, Seek, ::testing::ValuesIn(seekCases()), seekName);
@@ -382,7 +352,7 @@ TEST(KavraMediaPlayer, SeekAfterCompletionPausesAndSeekPastTheEndCompletes) {
     EXPECT_EQ(s.player.getStatus(), P::MEDIA_PLAYER_PAUSED);
     // Past the last frame: the clock shows the target, playback completes.
     s.player.seekTo(s.player.getDuration());
-    ASSERT_TRUE(eventually([&] { return !s.player.isSeekPending(); }));
+    ASSERT_TRUE(eventually([&] { return !s.player.isSeekPending(); }, kWaitMs));
     EXPECT_EQ(s.player.getCurrentPosition(), s.player.getDuration());
     s.player.start();
     ASSERT_TRUE(s.events->waitFor(P::MEDIA_PLAYBACK_COMPLETE, 2));
@@ -500,7 +470,7 @@ TEST(KavraMediaPlayer, SeekStormsEndOnTheLastTarget) {
     }
     toggler.join();
     s.player.pause();
-    ASSERT_TRUE(eventually([&] { return !s.player.isSeekPending(); }));
+    ASSERT_TRUE(eventually([&] { return !s.player.isSeekPending(); }, kWaitMs));
     s.player.seekTo(4321);
     EXPECT_TRUE(s.shows(s.expectedFrame(4321))) << s.frameAt(s.queued() - 1);
 }
@@ -514,7 +484,7 @@ TEST(KavraMediaPlayer, DamagedFilesPlayOnOrEndWithAnError) {
         s.player.start();
         EXPECT_TRUE(eventually([&] {
             return s.events->count(P::MEDIA_PLAYBACK_COMPLETE) + s.events->count(P::MEDIA_ERROR) > 0;
-        })) << name;
+        }, kWaitMs)) << name;
         std::vector<int> f = s.frames();
         EXPECT_GE(f.empty() ? -1 : *std::max_element(f.begin(), f.end()), reach) << name;
     }

@@ -48,12 +48,6 @@ private:
     jmethodID mBufferAt;
 };
 
-// Whether the calling thread is attached to the virtual machine.
-bool attached() {
-    JNIEnv* env = nullptr;
-    return javaVM()->GetEnv(reinterpret_cast<void**>(&env), JNI_VERSION_1_6) == JNI_OK;
-}
-
 class AudioRenderTest : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -82,9 +76,9 @@ TEST_F(AudioRenderTest, HandsStereoFramesToJavaAsInterleaved16BitPcm) {
     std::atomic<bool> before{true};
     std::atomic<bool> after{true};
     std::thread native([&] {
-        before = attached();
+        before = attachedToJvm();
         render.renderFrame(&record, 0);
-        after = attached();
+        after = attachedToJvm();
     });
     native.join();
     EXPECT_FALSE(before);
@@ -108,9 +102,9 @@ TEST_F(AudioRenderTest, HandsStereoFramesToJavaAsInterleaved16BitPcm) {
     EXPECT_TRUE(audible) << "the burst must come through";
 
     // From a Java thread: neither attached nor detached.
-    ASSERT_TRUE(attached());
+    ASSERT_TRUE(attachedToJvm());
     render.renderFrame(&record, 0);
-    EXPECT_TRUE(attached()) << "a Java thread must stay attached";
+    EXPECT_TRUE(attachedToJvm()) << "a Java thread must stay attached";
     EXPECT_EQ(recorder.count(), 2);
 
     expectOneFlushEndsTheWait(render, &record);

@@ -50,6 +50,10 @@ double Ffprobe::streamNumber(int index, const std::string& field, double fallbac
 
 int Ffprobe::streamCount() const { return static_cast<int>(number("format.nb_streams", 0)); }
 
+int probeFrameCount(const std::string& path, const std::string& stream) {
+    return static_cast<int>(Ffprobe(path, "-count_frames -select_streams " + stream).streamNumber(0, "nb_read_frames"));
+}
+
 RgbaImage decodeImage(const std::string& path) {
     Ffprobe probe(path, "-select_streams v:0");
     RgbaImage image;

@@ -28,6 +28,10 @@ private:
     bool mOk;
 };
 
+// How many frames ffprobe decodes in one stream, chosen by a specifier such
+// as "v:0", "a:0" or an index ("2"); 0 when it reports none.
+int probeFrameCount(const std::string& path, const std::string& stream);
+
 // A picture file (PNG, JPEG) decoded to RGBA by the ffmpeg tool at its own
 // size; 0x0 when it cannot be read.
 struct RgbaImage {

@@ -12,19 +12,12 @@ std::once_flag gOnce;
 
 void createVm() {
     std::string classPath = std::string("-Djava.class.path=") + KAVRA_TEST_CLASSPATH;
-    JavaVMOption options[4];
-    options[0].optionString = const_cast<char*>(classPath.c_str());
-    // The JVM must not install handlers for signals the sanitizers use.
-    options[1].optionString = const_cast<char*>("-Xrs");
-    options[2].optionString = const_cast<char*>("-Xmx256m");
-    // Checked JNI: misuse such as a JNI call with an exception pending is
+    // -Xrs: the JVM must not install handlers for signals the sanitizers use.
+    // -Xcheck:jni: misuse such as a JNI call with an exception pending is
     // reported.
-    options[3].optionString = const_cast<char*>("-Xcheck:jni");
-    JavaVMInitArgs args;
-    args.version = JNI_VERSION_1_6;
-    args.nOptions = 4;
-    args.options = options;
-    args.ignoreUnrecognized = JNI_FALSE;
+    JavaVMOption options[] = {{const_cast<char*>(classPath.c_str()), nullptr}, {const_cast<char*>("-Xrs"), nullptr},
+                              {const_cast<char*>("-Xmx256m"), nullptr}, {const_cast<char*>("-Xcheck:jni"), nullptr}};
+    JavaVMInitArgs args{JNI_VERSION_1_6, 4, options, JNI_FALSE};
     JNIEnv* env = nullptr;
     if (JNI_CreateJavaVM(&gVm, reinterpret_cast<void**>(&env), &args) != JNI_OK) {
         gVm = nullptr;
@@ -50,6 +43,11 @@ JNIEnv* jniEnv() {
         return nullptr;
     }
     return env;
+}
+
+bool attachedToJvm() {
+    JNIEnv* env = nullptr;
+    return javaVM()->GetEnv(reinterpret_cast<void**>(&env), JNI_VERSION_1_6) == JNI_OK;
 }
 
 bool javaExceptionPending(JNIEnv* env) {

@@ -12,6 +12,9 @@ JavaVM* javaVM();
 // attach a thread of their own detach it before the thread ends.
 JNIEnv* jniEnv();
 
+// Whether the calling thread is attached to the virtual machine.
+bool attachedToJvm();
+
 // Fails the current test (and returns true) when a Java exception is
 // pending, after describing and clearing it.
 bool javaExceptionPending(JNIEnv* env);

@@ -2,7 +2,6 @@
 
 #include <android/log.h>
 #include <pthread.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -15,24 +14,10 @@ namespace kavra::test {
 namespace {
 std::atomic<LogCapture*> gActive{nullptr};
 
-// The host logger names untagged lines after the program; a capture records
-// them with an empty tag, as they were written.
-bool isProgramName(const char* tag) {
-    static const std::string name = [] {
-        char path[4096] = {0};
-        ssize_t n = readlink("/proc/self/exe", path, sizeof(path) - 1);
-        std::string full = n > 0 ? std::string(path, static_cast<size_t>(n)) : std::string();
-        size_t slash = full.rfind('/');
-        return slash == std::string::npos ? full : full.substr(slash + 1);
-    }();
-    return tag != nullptr && name == tag;
-}
-
 void captureLogger(const struct __android_logger_data* data, const char* message) {
     LogCapture* capture = gActive.load();
     if (capture != nullptr) {
-        const char* tag = data->tag;
-        capture->append(data->priority, isProgramName(tag) ? nullptr : tag, message);
+        capture->append(data->tag, message);
     } else if (getenv("KAVRA_TEST_LOG") != nullptr) {
         fprintf(stderr, "[%d] %s: %s\n", data->priority, data->tag != nullptr ? data->tag : "", message);
     }
@@ -40,19 +25,6 @@ void captureLogger(const struct __android_logger_data* data, const char* message
 
 std::atomic<bool> gEndEngineThreads{false};
 thread_local bool tTestThread = false;
-
-// Polls `done` every millisecond until it holds or `timeoutMs` has passed.
-template <typename Done>
-bool waitUntil(Done done, int timeoutMs) {
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() >= deadline) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
 
 void throwingAborter(const char* message) {
     if (gEndEngineThreads.load() && !tTestThread) {
@@ -87,6 +59,17 @@ LogCapture::~LogCapture() {
     gActive.compare_exchange_strong(self, nullptr);
 }
 
+bool eventually(const std::function<bool()>& done, int timeoutMs) {
+    auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+    while (!done()) {
+        if (std::chrono::steady_clock::now() >= deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
 void LogCapture::endEngineThreadsOnAssertion(bool enable) { gEndEngineThreads.store(enable); }
 
 void LogCapture::appendEnded(const char* message) {
@@ -100,24 +83,20 @@ std::vector<std::string> LogCapture::endedThreadAssertions() const {
 }
 
 bool LogCapture::waitForEndedThreads(size_t count, int timeoutMs) const {
-    return waitUntil([&] { return endedThreadAssertions().size() >= count; }, timeoutMs);
+    return eventually([&] { return endedThreadAssertions().size() >= count; }, timeoutMs);
 }
 
-void LogCapture::append(int priority, const char* tag, const char* message) {
+void LogCapture::append(const char* tag, const char* message) {
     std::lock_guard<std::mutex> lock(mMutex);
-    mLines.push_back(Line{priority, tag != nullptr ? tag : "", message != nullptr ? message : ""});
-}
-
-std::vector<LogCapture::Line> LogCapture::lines() const {
-    std::lock_guard<std::mutex> lock(mMutex);
-    return mLines;
+    mLines.emplace_back(tag != nullptr ? tag : "", message != nullptr ? message : "");
 }
 
 std::vector<std::string> LogCapture::messages(const std::string& tag) const {
+    std::lock_guard<std::mutex> lock(mMutex);
     std::vector<std::string> out;
-    for (const Line& l : lines()) {
-        if (l.tag == tag) {
-            out.push_back(l.message);
+    for (const auto& [lineTag, message] : mLines) {
+        if (lineTag == tag) {
+            out.push_back(message);
         }
     }
     return out;
@@ -131,7 +110,7 @@ int LogCapture::count(const std::string& tag, const std::string& message) const 
 bool LogCapture::contains(const std::string& tag, const std::string& message) const { return count(tag, message) > 0; }
 
 bool LogCapture::waitFor(const std::string& tag, const std::string& message, int timeoutMs) const {
-    return waitUntil([&] { return contains(tag, message); }, timeoutMs);
+    return eventually([&] { return contains(tag, message); }, timeoutMs);
 }
 
 void LogCapture::clear() {

@@ -1,10 +1,16 @@
 #pragma once
 
+#include <functional>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kavra::test {
+
+// Polls `done` every millisecond until it holds; false when `timeoutMs`
+// passed first.
+bool eventually(const std::function<bool()>& done, int timeoutMs);
 
 // What __android_log_assert raises inside tests instead of ending the
 // process. It is thrown by the aborter on the asserting thread, so a test
@@ -17,18 +23,11 @@ struct LogAssertion {
 // included), so tests can assert on exact messages. One instance at a time.
 class LogCapture {
 public:
-    struct Line {
-        int priority;
-        std::string tag;  // empty for lines written without a tag
-        std::string message;
-    };
-
     LogCapture();
     ~LogCapture();
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
 
-    std::vector<Line> lines() const;
     // Messages of one tag, in order.
     std::vector<std::string> messages(const std::string& tag) const;
     bool contains(const std::string& tag, const std::string& message) const;
@@ -51,12 +50,12 @@ public:
     bool waitForEndedThreads(size_t count, int timeoutMs) const;
 
     // Called by the logger and the aborter installed for the test program.
-    void append(int priority, const char* tag, const char* message);
+    void append(const char* tag, const char* message);
     void appendEnded(const char* message);
 
 private:
     mutable std::mutex mMutex;
-    std::vector<Line> mLines;
+    std::vector<std::pair<std::string, std::string>> mLines;  // tag, message
     std::vector<std::string> mEnded;
 };
 
