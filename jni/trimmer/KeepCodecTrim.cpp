@@ -63,8 +63,9 @@ int KeepCodecTrim::setUp(const AVCodecContext* decoder, AVRational frameRate, AV
         *why = "out of memory";
         return -1;
     }
-    // Only IDR pictures can follow re-encoded frames: after one, no packet
-    // refers to anything before it.
+    // Copies start only where no later packet refers to anything before
+    // (IDR pictures; in HEVC any random access point, whose leading
+    // pictures the copy leaves out).
     const KeepCodecStream* stream = mStream.get();
     mInput.setJoinPoint([stream](const AVPacket* p) {
         return stream->isJoinPoint(p->data, static_cast<size_t>(p->size));
@@ -160,8 +161,7 @@ int KeepCodecTrim::encodeRun(int64_t low, int64_t high, int64_t stopAtKey, bool 
             mOnRead(p);
             // A picture before the run that nothing refers to is not decoded.
             const int64_t shown = packetTime(p);
-            if (!isKey(p) && shown != kNoTime && shown < low &&
-                mStream->isDisposable(p->data, static_cast<size_t>(p->size))) {
+            if (!isKey(p) && shown != kNoTime && shown < low && mStream->isDisposable(p->data, size)) {
                 continue;
             }
             ret = mReencoder.reencodePacket(p);

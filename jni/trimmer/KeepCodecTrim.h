@@ -14,10 +14,11 @@ class TrimInput;
 class TrimMuxer;
 
 // A trim that keeps the input's H.264 or HEVC video: packets are copied byte
-// for byte from the first IDR picture at or after a cut, and only the frames a
-// copy cannot carry are decoded and re-encoded with the same codec: those
-// from the cut to that IDR picture, and at the end of a part those that
-// depend on a picture after it. The output's configuration record carries
+// for byte from the first key picture a copy can start at (see
+// KeepCodecStream) at or after a cut, and only the frames a copy cannot
+// carry are decoded and re-encoded with the same codec: those from the cut
+// to that picture (with its leading pictures), and at the end of a part
+// those that depend on a picture after it. The output's configuration record carries
 // the input's parameter sets and the encoder's, whose ids differ from the
 // input's.
 //
