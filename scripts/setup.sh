@@ -73,7 +73,8 @@ fi
 
 # An arm64 Java run-time for the tests that start a JVM. Installing it as a
 # package would replace the host's JDK, so it is unpacked into the build
-# tree instead, at the host JDK's version.
+# tree instead (the version apt offers now; the build takes the JNI headers,
+# which do not change within Java 17, from the host's JDK).
 jre="$root/build-arm64/jre"
 if [ ! -x "$jre/usr/lib/jvm/java-17-openjdk-arm64/bin/java" ]; then
   echo "setup: unpacking an arm64 Java run-time into $jre"
